@@ -1,0 +1,357 @@
+/*
+ * Korvalen media-player library for video-surveillance clients.
+ *
+ * The caller initialises the library once (Korvalen_Init), allocates numbered
+ * player channels called ports (0..255, Korvalen_AllocPort), opens one source
+ * on each port and plays it. Every function with a result returns 1 for
+ * success and 0 for failure; the reason is in the calling thread's last error
+ * (Korvalen_GetLastError), which a success does not clear. Exceptions are
+ * named in each function's comment.
+ *
+ * Per-port calls share one frame: port numbers of 256 or more fail with
+ * KORVALEN_ERR_PORT (259), null output pointers with KORVALEN_ERR_INVALID_PARAM
+ * (2), and calls on one port are serialised by that port's lock (re-entrant
+ * for the same thread). A port that is not allocated gives 259.
+ *
+ * Not built yet: functions whose comment says "Not built yet" answer
+ * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
+ * lands (network and file sources, pushed streams, playback, recording,
+ * sound, voice, overlays, fisheye, HLS).
+ */
+#ifndef KORVALEN_H
+#define KORVALEN_H
+
+#include "korvalen_types.h"
+
+#if defined(KORVALEN_BUILDING)
+#define KORVALEN_API __attribute__((visibility("default")))
+#else
+#define KORVALEN_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ======================================================================== */
+/* Library and logging                                                      */
+/* ======================================================================== */
+
+/** Initialise the library; nested calls only count. The first call creates the
+ *  heap, opens the log files (unless a log callback is set), the port table and
+ *  the report thread. Errors: 257 when start-up fails. */
+KORVALEN_API int32_t Korvalen_Init(void);
+/** Undo one Korvalen_Init; the last one frees every port and all resources. */
+KORVALEN_API void Korvalen_Cleanup(void);
+/** Packed version: bits 0-7 major, 8-15 minor, 16-31 build (0x002E0502). */
+KORVALEN_API uint32_t Korvalen_GetVersion(void);
+/** The calling thread's last error code. */
+KORVALEN_API uint32_t Korvalen_GetLastError(void);
+/** The current init counter. */
+KORVALEN_API int32_t Korvalen_GetInitCount(void);
+/** Set the file log's level (1 DEBUG..5 FATAL, 0 off), folder (null = default
+ *  $HOME/PlayerFile/) and size in KB (capped at 1.5 MiB). Fails before init,
+ *  for size 0, and for level 0 (file logging is then off). No last error. */
+KORVALEN_API int32_t Korvalen_SetLog(uint32_t level, const char* log_path, uint32_t log_size_kb);
+/** Send every log line to the caller instead of the files. Must come before
+ *  Korvalen_Init to keep the files from being opened. Null removes the
+ *  callback: lines go to the files again (opened by the next first init). */
+KORVALEN_API int32_t Korvalen_SetWriteLogCB(KORVALEN_LOG_CB callback);
+/** Write a caller line through the library's log sink. The format's arguments
+ *  come as a pointer to the caller's va_list (null: the format is written as
+ *  it stands). Always returns 1. */
+KORVALEN_API int32_t Korvalen_WriteRmLogInfo(uint32_t level, const char* source, uint32_t line, const char* format,
+                                             va_list* args);
+/** Set the run-message callback (null clears it); called by the report thread
+ *  every 40 ms with the queued messages. */
+KORVALEN_API int32_t Korvalen_SetPlayerRunMsgCB(KORVALEN_RUN_MSG_CB callback);
+/** Limit the number of ports playing a source at once (<= 256). Larger values
+ *  store 256 and fail with 2. */
+KORVALEN_API int32_t Korvalen_SetMaxDecChlNum(uint32_t max_channels);
+/** Process virtual size in MiB into *size_mib; when bytes_out is not null the
+ *  exact byte count is stored there too. */
+KORVALEN_API int32_t Korvalen_GetTotalVirtualSize(uint32_t* size_mib, uint64_t* bytes_out);
+
+/* ======================================================================== */
+/* Ports and packet buffering                                               */
+/* ======================================================================== */
+
+/** Allocate the next free port round-robin. Errors: 2 null output, 259 all
+ *  256 ports taken, 3 no memory. */
+KORVALEN_API int32_t Korvalen_AllocPort(uint32_t* port);
+/** Free a port, closing whatever source it has. */
+KORVALEN_API void Korvalen_FreePort(uint32_t port);
+/** Packet-buffer slot count (clamped to 1000..5000) and delay render time in ms
+ *  (at most 10000) for the next source opened on the port. */
+KORVALEN_API int32_t Korvalen_SetPacketBuffer(uint32_t port, uint32_t buffer_size, uint32_t delay_render_ms);
+/** 1: a full packet buffer makes the source wait and retry; 0: drop. Other
+ *  values fail with 2. */
+KORVALEN_API int32_t Korvalen_SetBufferCtrl(uint32_t port, uint32_t buffer_ctrl);
+/** Frames waiting in the port's packet buffer and the occupied slot count;
+ *  outputs untouched when the port has no packet buffer. */
+KORVALEN_API int32_t Korvalen_GetPacketQueueStart(uint32_t port, uint32_t* frame_count, uint32_t* occupied);
+
+/* ======================================================================== */
+/* Sources                                                                  */
+/* ======================================================================== */
+
+/** Not built yet. Open a live RTP stream: protocol 0 UDP, 1 TCP ("$" framed),
+ *  2 multicast, 4 TCP framed without carry-over. Errors: 16 channel limit. */
+KORVALEN_API int32_t Korvalen_OpenNetStream(uint32_t port, const char* local_ip, uint16_t local_port,
+                                            const char* remote_ip, uint16_t remote_port, uint32_t protocol);
+/** Not built yet. Close the live stream and everything opened with it. */
+KORVALEN_API int32_t Korvalen_CloseNetStream(uint32_t port);
+/** Not built yet. NAT packet mode and session identifier (16 bytes used). */
+KORVALEN_API int32_t Korvalen_SetNatParam(uint32_t port, uint32_t nat_mode, const char* nat_session);
+/** Not built yet. The local RTP and RTCP ports in use by the live stream. */
+KORVALEN_API int32_t Korvalen_GetLocalNetPort(uint32_t port, uint32_t* rtp_port, uint32_t* rtcp_port);
+/** Not built yet. Release the local ports reserved for the live stream. */
+KORVALEN_API int32_t Korvalen_ReleaseLocalNetPort(uint32_t port);
+/** TCP connect time-out in seconds for every later connect (default 4).
+ *  Always returns 1. */
+KORVALEN_API int32_t Korvalen_SetTcpOutTime(uint32_t seconds);
+/** Not built yet. Packets lost and received over the last five seconds. */
+KORVALEN_API int32_t Korvalen_GetLostPacketRate(uint32_t port, uint32_t* lost_count, uint32_t* total_count);
+/** Not built yet. Clear the lost-packet count. */
+KORVALEN_API int32_t Korvalen_ResetLostPacketRate(uint32_t port);
+/** Not built yet. Open a pushed stream; header/header_len is a first chunk
+ *  pushed at once. buffer_size is accepted and not used. Errors: 16. */
+KORVALEN_API int32_t Korvalen_OpenInputStream(uint32_t port, const uint8_t* header, uint32_t header_len,
+                                              uint32_t buffer_size);
+/** Not built yet. Push one chunk (RTP packet, TS, FLV, JPEG, raw H.264/H.265,
+ *  "RdHd" header). Errors: 260 buffer full, 524 unknown stream. */
+KORVALEN_API int32_t Korvalen_InputMediaData(uint32_t port, const uint8_t* data, uint32_t length);
+/** Not built yet. Close the pushed stream. */
+KORVALEN_API int32_t Korvalen_CloseInputStream(uint32_t port);
+/** Not built yet. Custom RTP payload table (count clamped to 2). A null array
+ *  returns 2 without setting the last error. */
+KORVALEN_API int32_t Korvalen_SetPayloadType(uint32_t port, uint32_t count, const KORVALEN_PAYLOAD_TYPE* entries);
+/** Not built yet. AAC configuration for RTP AAC streams. */
+KORVALEN_API int32_t Korvalen_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_INFO* info);
+/** Not built yet. Open a local MP4, AVI or MPEG-TS file (opens paused).
+ *  Errors: 16, 262. */
+KORVALEN_API int32_t Korvalen_OpenMediaFile(uint32_t port, const char* file_name);
+/** Not built yet. Close the file and stop everything on the port. */
+KORVALEN_API int32_t Korvalen_CloseMediaFile(uint32_t port);
+/** Not built yet. Make the port an HLS player (start it with Korvalen_UpdatePlayInfo). */
+KORVALEN_API int32_t Korvalen_OpenHlsStream(uint32_t port);
+/** Not built yet. Stop and close the HLS stream. */
+KORVALEN_API int32_t Korvalen_CloseHlsStream(uint32_t port);
+/** Not built yet. Set the HLS playlist and seek to time (seconds). */
+KORVALEN_API int32_t Korvalen_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time);
+/** Not built yet. Folder of the HLS segment cache (process-wide). */
+KORVALEN_API int32_t Korvalen_SetCachePath(const char* path);
+/** Not built yet. Segment cache limit in MB (process-wide, default 500). */
+KORVALEN_API int32_t Korvalen_SetMaxCache(uint32_t size_mb);
+/** Not built yet. Empty the segment cache. */
+KORVALEN_API int32_t Korvalen_CleanCache(void);
+
+/* ======================================================================== */
+/* Play control and statistics                                              */
+/* ======================================================================== */
+
+/** Not built yet. Start rendering into the X11 window (0 = headless). */
+KORVALEN_API int32_t Korvalen_StartPlay(uint32_t port, uint64_t window);
+/** Not built yet. Stop rendering. */
+KORVALEN_API int32_t Korvalen_StopPlay(uint32_t port, uint64_t window);
+/** Not built yet. Pause (1) or resume (other) a file or HLS port; 7 otherwise. */
+KORVALEN_API int32_t Korvalen_PausePlay(uint32_t port, uint32_t pause);
+/** Not built yet. Pause (1) or resume a live port's display. */
+KORVALEN_API int32_t Korvalen_PauseLive(uint32_t port, uint32_t pause);
+/** Not built yet. Fluency: 0 off, 1 normal, 3 low delay, 4 smooth (2 = off). */
+KORVALEN_API int32_t Korvalen_SetPictureFluency(uint32_t port, uint32_t fluency);
+/** Not built yet. Decode each frame as soon as it arrives. */
+KORVALEN_API int32_t Korvalen_SetOneFrameDecodeMode(uint32_t port);
+/** Not built yet. Switch GPU decoding for ports allocated later; returns the
+ *  switch's new state for enable 1, else 1. */
+KORVALEN_API int32_t Korvalen_AbleGpuDecode(uint32_t enable);
+/** Not built yet. As Korvalen_AbleGpuDecode with device options; the last two
+ *  pointers receive the probed device kind and session count (may be null). */
+KORVALEN_API int32_t Korvalen_AbleGpuDecodeEx(uint32_t enable, const KORVALEN_GPU_OPTIONS* options,
+                                              uint32_t* device_kind, uint32_t* sessions);
+/** Not built yet. Frame rate of the stream. */
+KORVALEN_API int32_t Korvalen_GetFrameRate(uint32_t port, uint32_t* frame_rate);
+/** Not built yet. Received bit rate, bytes per second. */
+KORVALEN_API int32_t Korvalen_GetBitRate(uint32_t port, uint32_t* bit_rate);
+/** Not built yet. Size of the decoded picture. */
+KORVALEN_API int32_t Korvalen_GetPictureSize(uint32_t port, uint32_t* width, uint32_t* height);
+/** Not built yet. Video and audio codec types of the stream (KORVALEN_CODEC_*). */
+KORVALEN_API int32_t Korvalen_GetEncodeType(uint32_t port, uint32_t* video_type, uint32_t* audio_type);
+/** Does nothing; returns 1. The window's own size is followed instead. */
+KORVALEN_API int32_t Korvalen_SetWindowSize(uint32_t port, const KORVALEN_RECT* size);
+/** Not built yet. Length of the open file in seconds; 7 when not a file port. */
+KORVALEN_API int32_t Korvalen_GetFileTime(uint32_t port, uint32_t* seconds);
+/** Not built yet. Current play position in seconds. */
+KORVALEN_API int32_t Korvalen_GetPlayTime(uint32_t port, uint32_t* seconds);
+/** Not built yet. Current play position with frame time stamps. */
+KORVALEN_API int32_t Korvalen_GetPlayTimeEx(uint32_t port, KORVALEN_PLAY_TIME* play_time);
+/** Not built yet. Seek a file port to the given second. */
+KORVALEN_API int32_t Korvalen_SetPlayedTime(uint32_t port, uint32_t seconds);
+/** Not built yet. Speed code: 0 x4, 1 x2, 2 x1, 3 x1/2, ... (2 for unknown codes). */
+KORVALEN_API int32_t Korvalen_SpeedPlay(uint32_t port, uint32_t speed);
+/** Not built yet. Show exactly one further frame of a file port. */
+KORVALEN_API int32_t Korvalen_AFrameGo(uint32_t port);
+/** Not built yet. Step one frame back on a file port. */
+KORVALEN_API int32_t Korvalen_AFrameBack(uint32_t port);
+/** Not built yet. Real (wall-clock) start time of an MP4 recording, seconds since 1970. */
+KORVALEN_API int32_t Korvalen_MP4GetRealTime(const char* file_name, uint32_t* real_time);
+/** Not built yet. List the marks of the open file in the query's range; the
+ *  list is freed with Korvalen_FreeMarkInfo. */
+KORVALEN_API int32_t Korvalen_CheckMark(uint32_t port, const KORVALEN_MARK_QUERY* query, KORVALEN_MARK_INFO** marks);
+/** Not built yet. Stop a running mark check (always reports failure 7). */
+KORVALEN_API int32_t Korvalen_CheckMarkCancel(uint32_t port);
+/** Not built yet. Free a mark list returned by Korvalen_CheckMark. */
+KORVALEN_API int32_t Korvalen_FreeMarkInfo(KORVALEN_MARK_INFO* marks);
+
+/* ======================================================================== */
+/* Data callbacks: each takes effect at the next frame; null disables.      */
+/* ======================================================================== */
+
+/** Not built yet. Each received chunk; option 0 stops feeding the decoder. */
+KORVALEN_API int32_t Korvalen_SetSourceMediaDataCB(uint32_t port, KORVALEN_SOURCE_DATA_CB callback, uint32_t option,
+                                                   void* user);
+/** Not built yet. Each parsed video frame. */
+KORVALEN_API int32_t Korvalen_SetParseVideoDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB callback, uint32_t option,
+                                                  void* user);
+/** Not built yet. Each parsed audio frame. */
+KORVALEN_API int32_t Korvalen_SetParseAudioDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB callback, uint32_t option,
+                                                  void* user);
+/** Not built yet. Each decoded picture. */
+KORVALEN_API int32_t Korvalen_SetDecodeVideoMediaDataCB(uint32_t port, KORVALEN_DECODED_VIDEO_CB callback,
+                                                        uint32_t option, void* user);
+/** Not built yet. Each decoded audio block. */
+KORVALEN_API int32_t Korvalen_SetDecodeAudioMediaDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB callback,
+                                                        uint32_t option, void* user);
+/** Not built yet. Voice coming back from the device. */
+KORVALEN_API int32_t Korvalen_SetParseVoiceDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB callback, uint32_t option,
+                                                  void* user);
+/** Not built yet. Draw hook after each picture (render thread). */
+KORVALEN_API int32_t Korvalen_SetDrawMediaDataCB(uint32_t port, KORVALEN_DRAW_CB callback, void* user);
+/** Not built yet. Draw hook handed straight to the port's display. */
+KORVALEN_API int32_t Korvalen_SetDrawMediaDataCBEx(uint32_t port, KORVALEN_DRAW_CB callback, void* user);
+
+/* ======================================================================== */
+/* Recording and snapshot                                                   */
+/* ======================================================================== */
+
+/** Not built yet. Divide recordings every size_mb MiB (10..4000). */
+KORVALEN_API int32_t Korvalen_SetRecordSize(uint32_t port, uint32_t size_mb);
+/** Not built yet. Divide recordings every minutes (1..60). */
+KORVALEN_API int32_t Korvalen_SetRecordDivByTime(uint32_t port, uint32_t minutes);
+/** Not built yet. Start recording to file_name (without extension) in the
+ *  record type's container; param may be null. Errors: 537 already recording. */
+KORVALEN_API int32_t Korvalen_StartRecord(uint32_t port, const char* file_name, uint32_t record_type,
+                                          const KORVALEN_RECORD_PARAM* param);
+/** Not built yet. Stop recording and close the file. */
+KORVALEN_API int32_t Korvalen_StopRecord(uint32_t port);
+/** Not built yet. Stop recording with the caller's end time (param may be null). */
+KORVALEN_API int32_t Korvalen_StopRecordEx(uint32_t port, const KORVALEN_RECORD_PARAM* param);
+/** Not built yet. 1 while recording, else 0. */
+KORVALEN_API int32_t Korvalen_GetRecordStatus(uint32_t port, uint32_t* recording);
+/** Not built yet. Copy up to count finished file names into list. */
+KORVALEN_API int32_t Korvalen_GetRecordFiles(uint32_t port, uint32_t count, KORVALEN_RECORD_FILE* list);
+/** Not built yet. Bytes written to the current record file. */
+KORVALEN_API int32_t Korvalen_GetRecordFileSize(uint32_t port, uint64_t* size);
+/** Not built yet. Save the next picture as JPEG (format 0) or BMP (1). */
+KORVALEN_API int32_t Korvalen_SnatchOnce(uint32_t port, const char* file_name, uint32_t picture_format,
+                                         const KORVALEN_SNAP_PARAM* param);
+
+/* ======================================================================== */
+/* Audio and voice                                                          */
+/* ======================================================================== */
+
+/** Not built yet. Play the port's sound. Errors: 266 no sound server. */
+KORVALEN_API int32_t Korvalen_OpenSound(uint32_t port);
+/** Not built yet. Stop the port's sound. */
+KORVALEN_API int32_t Korvalen_CloseSound(uint32_t port);
+/** Not built yet. Volume 0..0xFFFF. */
+KORVALEN_API int32_t Korvalen_GetSoundVolume(uint32_t port, uint32_t* volume);
+/** Not built yet. Volume 0..0xFFFF. */
+KORVALEN_API int32_t Korvalen_SetSoundVolume(uint32_t port, uint32_t volume);
+/** Not built yet. Mute (1) or unmute (0). */
+KORVALEN_API int32_t Korvalen_SetSoundQuietStatus(uint32_t port, uint32_t quiet);
+/** Not built yet. Mute state. */
+KORVALEN_API int32_t Korvalen_GetSoundQuietStatus(uint32_t port, uint32_t* quiet);
+/** Not built yet. Channel: 0 left, 1 right, 2 none, other both. */
+KORVALEN_API int32_t Korvalen_SetPlaySoundChannel(uint32_t port, uint32_t channel);
+/** Not built yet. Voice encoding: type 0 G.711u, 2 AAC, 4 PCM; rate index 0
+ *  8 kHz, 1 16 kHz; channels 1. Errors: 7. */
+KORVALEN_API int32_t Korvalen_SetVoiceEncodeType(uint32_t port, uint32_t encode_type, uint32_t sample_rate,
+                                                 uint32_t channels);
+/** Not built yet. Open voice talk or broadcast: mode (0/1 broadcast, 2/3
+ *  talk), caller's socket (0 = none), addresses and protocol. Errors: 16. */
+KORVALEN_API int32_t Korvalen_OpenVoiceSvc(uint32_t port, uint32_t mode, uint32_t socket, const char* local_ip,
+                                           uint16_t local_port, const char* remote_ip, uint16_t remote_port,
+                                           uint32_t protocol);
+/** Not built yet. Close the voice service. */
+KORVALEN_API int32_t Korvalen_CloseVoiceSvc(uint32_t port);
+/** Not built yet. Send caller PCM as voice; reserved may be null. */
+KORVALEN_API int32_t Korvalen_VoiceInputData(uint32_t port, const uint8_t* data, uint32_t length, void* reserved);
+/** Not built yet. Microphone volume 0..255. */
+KORVALEN_API int32_t Korvalen_SetMicVolume(uint32_t port, uint32_t volume);
+/** Not built yet. Microphone volume 0..255. */
+KORVALEN_API int32_t Korvalen_GetMicVolume(uint32_t port, uint32_t* volume);
+/** Not built yet. Mute (1) or unmute the microphone. */
+KORVALEN_API int32_t Korvalen_SetMicQuietStatus(uint32_t port, uint32_t quiet);
+/** Not built yet. Microphone mute state. */
+KORVALEN_API int32_t Korvalen_GetMicQuietStatus(uint32_t port, uint32_t* quiet);
+
+/* ======================================================================== */
+/* Video output, overlays, fisheye and electronic PTZ                       */
+/* ======================================================================== */
+
+/** Not built yet. Render scale mode (0 fill, 1 keep aspect, 2 native) for the
+ *  window area rect (null = the whole window). */
+KORVALEN_API int32_t Korvalen_SetRenderScale(uint32_t port, const KORVALEN_RECT* rect, uint32_t mode);
+/** Not built yet. Current render area and mode. */
+KORVALEN_API int32_t Korvalen_GetRenderScale(uint32_t port, KORVALEN_RECT* rect, uint32_t* mode);
+/** Not built yet. Digital zoom rectangle in ten-thousandths of the picture
+ *  (null disables); the window area it applies to (null = whole window). */
+KORVALEN_API int32_t Korvalen_SetDigitalZoom(uint32_t port, const KORVALEN_RECT* zoom, const KORVALEN_RECT* area);
+/** Not built yet. Set one adjustment (KORVALEN_ADJUST_*) to *value. */
+KORVALEN_API int32_t Korvalen_SetAdjust(uint32_t port, uint32_t adjust_type, const int32_t* value);
+/** Not built yet. All four adjustments. */
+KORVALEN_API int32_t Korvalen_GetAdjust(uint32_t port, KORVALEN_ADJUST* adjust);
+/** Not built yet. Overlay style 0..2; 3 or more fails with 2. */
+KORVALEN_API int32_t Korvalen_SetOSDStyle(uint32_t port, uint32_t style);
+/** Not built yet. GPU presentation on (1) or off (0). */
+KORVALEN_API int32_t Korvalen_SetGpuDrawEnable(uint32_t port, uint32_t enable);
+/** Not built yet. Deinterlace mode (1 line doubling) and its companion value. */
+KORVALEN_API int32_t Korvalen_SetDeinterlaceMode(uint32_t port, uint32_t mode, uint32_t value);
+/** Not built yet. Analytics overlay on (1) or off (0). */
+KORVALEN_API int32_t Korvalen_SetIVAEnable(uint32_t port, uint32_t enable);
+/** Not built yet. Process-wide overlay flags (bit 1 untracked targets and
+ *  tracking, bit 2 tracked targets). */
+KORVALEN_API int32_t Korvalen_SetIVAShowParam(uint32_t show_param);
+/** Not built yet. Per-port overlay flags; mode 1 makes per-port flags decide. */
+KORVALEN_API int32_t Korvalen_SetIVAShowParamEx(uint32_t port, uint32_t show_param, uint32_t mode);
+/** Not built yet. 1 when the stream carries fisheye parameters, else 0. */
+KORVALEN_API int32_t Korvalen_IsFishEyeStream(uint32_t port);
+/** Not built yet. Fisheye state, lens centre and radius. */
+KORVALEN_API int32_t Korvalen_GetFishEyeParam(uint32_t port, KORVALEN_FISHEYE_STATE* state, KORVALEN_POINT* center,
+                                              uint32_t* radius);
+/** Does nothing; always returns 0. */
+KORVALEN_API int32_t Korvalen_FaceCorrectFunc(void* arg1, void* arg2, void* arg3);
+/** Not built yet. Electronic PTZ mode and fisheye fix (mount) mode. */
+KORVALEN_API int32_t Korvalen_SetPtzAndFixMode(uint32_t port, uint32_t ptz_mode, uint32_t fix_mode);
+/** Not built yet. Current PTZ and fix modes. */
+KORVALEN_API int32_t Korvalen_GetPtzAndFixMode(uint32_t port, uint32_t* ptz_mode, uint32_t* fix_mode);
+/** Not built yet. PTZ view layout. */
+KORVALEN_API int32_t Korvalen_SetPtzDisplayMode(uint32_t port, uint32_t ptz_mode);
+/** Not built yet. Seconds the PTZ view stays after the last mouse action. */
+KORVALEN_API int32_t Korvalen_SetPtzKeepAliveTime(uint32_t port, uint32_t seconds);
+/** Not built yet. Mouse moved to (x, y) in window pixels. */
+KORVALEN_API int32_t Korvalen_OnMouseMove(uint32_t port, uint32_t x, uint32_t y);
+/** Not built yet. Left button pressed at (x, y). */
+KORVALEN_API int32_t Korvalen_OnLButtonDown(uint32_t port, uint32_t x, uint32_t y);
+/** Not built yet. Left button released at (x, y). */
+KORVALEN_API int32_t Korvalen_OnLButtonUp(uint32_t port, uint32_t x, uint32_t y);
+/** Not built yet. Wheel turned by delta (120 per notch) with the pointer at
+ *  point = x | (y << 16) in window pixels; flags are the held buttons. */
+KORVALEN_API int32_t Korvalen_OnMouseWheel(uint32_t port, uint32_t flags, int16_t delta, uint32_t point);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KORVALEN_H */

@@ -1,0 +1,495 @@
+// Inner functions whose features have not landed yet. Each answers 7
+// (KORVALEN_ERR_NOT_SUPPORTED) on an allocated port, 259 otherwise; the issue
+// that builds a feature moves its functions to the feature's module.
+#include "player/player_api.h"
+#include "player/port_table.h"
+
+uint32_t Player_NotBuilt(uint32_t port)
+{
+    return Player_GetPort(port) ? KORVALEN_ERR_NOT_SUPPORTED : KORVALEN_ERR_PORT;
+}
+
+uint32_t Player_OpenNetStream(uint32_t port, const char*, uint16_t, const char*, uint16_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CloseNetStream(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetNatParam(uint32_t port, uint32_t, const char*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_ReleaseLocalNetPort(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetTcpOutTime(uint32_t)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_ResetLostPacketRate(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OpenInputStream(uint32_t port, const uint8_t*, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_InputMediaData(uint32_t port, const uint8_t*, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CloseInputStream(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPayloadType(uint32_t port, uint32_t, const KORVALEN_PAYLOAD_TYPE*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_INFO*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OpenMediaFile(uint32_t port, const char*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CloseMediaFile(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetFileTime(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CurPlayTime(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetPlayTimeEx(uint32_t port, KORVALEN_PLAY_TIME*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPlayedTime(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SpeedPlay(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_AFrameGo(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_AFrameBack(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_MP4GetRealTime(const char*, uint32_t*)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_CheckMark(uint32_t port, const KORVALEN_MARK_QUERY*, KORVALEN_MARK_INFO**)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CheckMarkCancel(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_FreeMarkInfo(KORVALEN_MARK_INFO*)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_OpenHlsStream(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CloseHlsStream(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO*, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetCachePath(const char*)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_SetMaxCache(uint32_t)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_CleanCache()
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_StartPlay(uint32_t port, uint64_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_StopPlay(uint32_t port, uint64_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_PausePlay(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_PauseLive(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPictureFluency(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetOneFrameDecodeMode(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_AbleGpuDecode(uint32_t)
+{
+    return 0; // no GPU decoding until the codec manager lands
+}
+
+uint32_t Player_AbleGpuDecodeEx(uint32_t, const KORVALEN_GPU_OPTIONS*, uint32_t*, uint32_t*)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_GetFrameRate(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetBitRate(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetPictureSize(uint32_t port, uint32_t*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetEncodeType(uint32_t port, uint32_t*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetSourceMediaDataCB(uint32_t port, KORVALEN_SOURCE_DATA_CB, uint32_t, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetParseVideoDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB, uint32_t, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetParseAudioDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB, uint32_t, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetDecodeVideoMediaDataCB(uint32_t port, KORVALEN_DECODED_VIDEO_CB, uint32_t, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetDecodeAudioMediaDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB, uint32_t, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetParseVoiceDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB, uint32_t, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetDrawMediaDataCB(uint32_t port, KORVALEN_DRAW_CB, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetDrawMediaDataCBEx(uint32_t port, KORVALEN_DRAW_CB, void*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetRecordSize(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetRecordDivByTime(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_StartRecord(uint32_t port, const char*, uint32_t, const KORVALEN_RECORD_PARAM*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_StopRecord(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_StopRecordEx(uint32_t port, const KORVALEN_RECORD_PARAM*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetRecordStatus(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetRecordFiles(uint32_t port, uint32_t, KORVALEN_RECORD_FILE*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetRecordFileSize(uint32_t port, uint64_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SnatchOnce(uint32_t port, const char*, uint32_t, const KORVALEN_SNAP_PARAM*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OpenSound(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CloseSound(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetSoundVolume(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetSoundVolume(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetSoundQuietStatus(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetSoundQuietStatus(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPlaySoundChannel(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetVoiceEncodeType(uint32_t port, uint32_t, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OpenVoiceSvc(uint32_t port, uint32_t, uint32_t, const char*, uint16_t, const char*, uint16_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_CloseVoiceSvc(uint32_t port)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_VoiceInputData(uint32_t port, const uint8_t*, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetMicVolume(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetMicVolume(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetMicQuietStatus(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetMicQuietStatus(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetRenderScale(uint32_t port, const KORVALEN_RECT*, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetRenderScale(uint32_t port, KORVALEN_RECT*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetDigitalZoom(uint32_t port, const KORVALEN_RECT*, const KORVALEN_RECT*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetAdjust(uint32_t port, uint32_t, const int32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetAdjust(uint32_t port, KORVALEN_ADJUST*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetOSDStyle(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetGpuDrawEnable(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetDeinterlaceMode(uint32_t port, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetIVAEnable(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetIVAShowParam(uint32_t)
+{
+    return KORVALEN_ERR_NOT_SUPPORTED;
+}
+
+uint32_t Player_SetIVAShowParamEx(uint32_t port, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_IsFishEyeStream(uint32_t port, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetFishEyeParam(uint32_t port, KORVALEN_FISHEYE_STATE*, KORVALEN_POINT*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPtzAndFixMode(uint32_t port, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_GetPtzAndFixMode(uint32_t port, uint32_t*, uint32_t*)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPtzDisplayMode(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_SetPtzKeepAliveTime(uint32_t port, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OnMouseMove(uint32_t port, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OnLButtonDown(uint32_t port, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OnLButtonUp(uint32_t port, uint32_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}
+
+uint32_t Player_OnMouseWheel(uint32_t port, uint32_t, int16_t, uint32_t)
+{
+    return Player_NotBuilt(port);
+}

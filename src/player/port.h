@@ -1,0 +1,66 @@
+// The port record: everything one player channel holds. Each feature adds
+// its own state here and initialises it at allocation.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "korvalen_types.h"
+#include "queue/queue_packet.h"
+
+enum SourceKind : uint32_t {
+    SOURCE_NONE = 0,
+    SOURCE_INPUT_STREAM = 1,
+    SOURCE_NET_STREAM = 2,
+    SOURCE_MEDIA_FILE = 3,
+    SOURCE_VOICE = 4,
+    SOURCE_HLS = 5,
+};
+
+constexpr uint32_t kPacketBufferDefault = 1000;
+constexpr uint32_t kPacketBufferMin = 1000;
+constexpr uint32_t kPacketBufferMax = 5000;
+constexpr uint32_t kDelayRenderMax = 10000;
+constexpr uint32_t kWorkBufferSize = 2048;
+
+// One callback slot: function, user pointer and option word (1 by default).
+template <class Fn> struct CallbackSlot {
+    Fn fn = nullptr;
+    void* user = nullptr;
+    uint32_t option = 1;
+};
+
+struct PortCallbacks {
+    CallbackSlot<KORVALEN_SOURCE_DATA_CB> source;
+    CallbackSlot<KORVALEN_PARSED_DATA_CB> parseVideo;
+    CallbackSlot<KORVALEN_PARSED_DATA_CB> parseAudio;
+    CallbackSlot<KORVALEN_DECODED_VIDEO_CB> decodeVideo;
+    CallbackSlot<KORVALEN_DECODED_AUDIO_CB> decodeAudio;
+    CallbackSlot<KORVALEN_DRAW_CB> draw;
+    CallbackSlot<KORVALEN_DECODED_AUDIO_CB> parseVoice;
+};
+
+struct PortRecord {
+    uint32_t port = 0;
+    uint32_t sourceKind = SOURCE_NONE;
+
+    QUEUE_PACKET_BUFFER packetBuffer;
+    uint32_t packetBufferSize = kPacketBufferDefault; // slot count for the next source
+    uint32_t delayRenderTime = 0;                     // ms
+    uint32_t bufferCtrl = 1;                          // 1 wait and retry, 0 drop
+
+    // Shared by the port's worker threads, and by the display side.
+    std::recursive_mutex dataLock;
+    std::recursive_mutex displayLock;
+
+    PortCallbacks callbacks;
+
+    // Playback defaults.
+    uint32_t frameInterval = 40; // ms
+    int32_t adjust[4] = {100, 100, 100, 10};
+    float speedFactor = 1.0f;
+    uint32_t workBufferSizes[3] = {kWorkBufferSize, kWorkBufferSize, kWorkBufferSize};
+    uint32_t gpuDecode = 0;    // copy of the global switch at allocation
+    int32_t seekRequest = -1;  // seconds, -1 = none
+    int32_t lastPlayTime = -1; // seconds, -1 = not known yet
+};

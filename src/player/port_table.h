@@ -1,0 +1,27 @@
+// The port table: 256 slots allocated round-robin, and the player layer's
+// start-up and clean-up.
+#pragma once
+
+#include <cstdint>
+
+#include "player/port.h"
+
+uint32_t Player_Startup();
+void Player_Cleanup();
+
+uint32_t Player_AllocPort(uint32_t* port);
+// Frees the port after closing its source; a free port is ignored.
+void Player_FreePort(uint32_t port);
+// The record, or null (also for numbers of 256 and more). Takes no lock.
+PortRecord* Player_GetPort(uint32_t port);
+
+// Allocated ports playing a source (input, network, file or HLS).
+uint32_t Player_ActivePortCount();
+
+uint32_t Player_SetPacketBuffer(uint32_t port, uint32_t bufferSize, uint32_t delayRenderTime);
+uint32_t Player_SetBufferCtrl(uint32_t port, uint32_t bufferCtrl);
+uint32_t Player_GetPacketQueueStart(uint32_t port, uint32_t* frameCount, uint32_t* occupied);
+
+// Global GPU-decode switch that each new port copies.
+uint32_t Player_GpuDecodeSwitch();
+void Player_SetGpuDecodeSwitch(uint32_t on);
