@@ -33,6 +33,26 @@ if [ $quick -eq 0 ]; then
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DKORVALEN_SANITIZE=address -DKORVALEN_BENCH=OFF
 fi
+if [ $quick -eq 0 ] && command -v clang++ >/dev/null && ls fuzz/fuzz_*.cpp >/dev/null 2>&1; then
+  # A short run of every fuzzer from its seed corpus (copied, so the committed
+  # seeds stay as they are). FUZZ_SECONDS sets the time per target.
+  echo "== fuzz (${FUZZ_SECONDS:-15} s per target)"
+  CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVALEN_FUZZ=ON \
+    -DKORVALEN_TESTS=OFF -DKORVALEN_BENCH=OFF >/dev/null
+  ninja -C build-fuzz
+  for src in fuzz/fuzz_*.cpp; do
+    name=$(basename "$src" .cpp)
+    work=$(mktemp -d)
+    [ -d "fuzz/corpus/$name" ] && cp -r "fuzz/corpus/$name/." "$work/"
+    echo "-- $name"
+    if ! ASAN_OPTIONS=detect_leaks=1 "build-fuzz/fuzz/$name" -max_total_time="${FUZZ_SECONDS:-15}" \
+      -rss_limit_mb=2048 "$work" >"$work.log" 2>&1; then
+      cat "$work.log"; echo "fuzzer $name failed"; exit 1
+    fi
+    tail -n 2 "$work.log"
+    rm -rf "$work" "$work.log"
+  done
+fi
 if [ $tsan -eq 1 ]; then
   TSAN_OPTIONS=halt_on_error=1 \
     run_suite build-tsan -DCMAKE_BUILD_TYPE=Debug -DKORVALEN_SANITIZE=thread -DKORVALEN_BENCH=OFF
