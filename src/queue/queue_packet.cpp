@@ -4,6 +4,7 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
+#include "net/rtp_payload.h"
 #include "platform/qmx_heap.h"
 
 namespace {
@@ -56,6 +57,7 @@ uint32_t QUEUE_InitPacketBuffer(QUEUE_PACKET_BUFFER* q, uint32_t slotPayload, ui
     q->readIndex.store(0);
     q->fullCount = 0;
     q->frameCount.store(0);
+    q->heldSlots = 0;
     return KORVALEN_OK;
 }
 
@@ -76,9 +78,15 @@ void QUEUE_ReleasePacketBuffer(QUEUE_PACKET_BUFFER* q)
     q->fullCount = 0;
     q->frameCount.store(0);
     q->readBufSize = 0;
+    q->heldSlots = 0;
 }
 
-uint32_t QUEUE_AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFFER* q)
+namespace {
+
+// countFrame: the packet ends a video frame. The counter goes up before the
+// packet becomes visible, so a reader that takes it at once never counts it
+// out before it was counted in.
+uint32_t AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFFER* q, bool countFrame)
 {
     if (!q || (!data && length != 0)) {
         return KORVALEN_ERR_INVALID_PARAM;
@@ -92,7 +100,7 @@ uint32_t QUEUE_AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFF
     const uint32_t payload = q->slotStride - 4;
     const uint32_t w = q->writeIndex.load(std::memory_order_relaxed);
     const uint32_t r = q->readIndex.load(std::memory_order_acquire);
-    const uint32_t freeSlots = (r + count - w - 1) % count;
+    const uint32_t freeSlots = (r > w ? r - w : r + count - w) - 1;
     const uint32_t need = SlotsFor(length, payload);
     if (freeSlots == 0) {
         ++q->fullCount;
@@ -116,10 +124,20 @@ uint32_t QUEUE_AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFF
         }
         src += chunk;
         remaining -= chunk;
-        idx = (idx + 1) % count;
+        idx = idx + 1 == count ? 0 : idx + 1;
+    }
+    if (countFrame) {
+        q->frameCount.fetch_add(1, std::memory_order_relaxed);
     }
     q->writeIndex.store(idx, std::memory_order_release);
     return KORVALEN_OK;
+}
+
+} // namespace
+
+uint32_t QUEUE_AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFFER* q)
+{
+    return AddPacket(data, length, q, false);
 }
 
 uint32_t QUEUE_GetPacket(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length)
@@ -130,25 +148,32 @@ uint32_t QUEUE_GetPacket(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* lengt
     const uint32_t count = q->slotCount;
     const uint32_t payload = q->slotStride - 4;
     uint32_t r = q->readIndex.load(std::memory_order_relaxed);
+    if (q->heldSlots) {
+        // The packet handed out last time is done with: its slot goes back.
+        r = r + 1 == count ? 0 : r + 1; // one slot is held at most
+        q->heldSlots = 0;
+        q->readIndex.store(r, std::memory_order_release);
+    }
     if (r == q->writeIndex.load(std::memory_order_acquire)) {
         return KORVALEN_ERR_BUFFER_EMPTY;
     }
-    const uint8_t* first = q->slots + static_cast<size_t>(r) * q->slotStride;
+    uint8_t* first = q->slots + static_cast<size_t>(r) * q->slotStride;
     const uint32_t total = LoadWord(first);
-    if (total > q->readBufSize) {
-        uint64_t grown = static_cast<uint64_t>(total) + kReadBufHeadroom;
-        auto* buf = static_cast<uint8_t*>(QMX_HeapMalloc(grown));
-        if (!buf) {
-            return KORVALEN_ERR_NO_MEMORY;
-        }
-        QMX_HeapFree(q->readBuf);
-        q->readBuf = buf;
-        q->readBufSize = static_cast<uint32_t>(grown);
-    }
-    if (total < payload) {
-        std::memcpy(q->readBuf, first + 4, total);
-        r = (r + 1) % count;
+    if (total <= payload) {
+        // One slot: no copy, the reader works on the slot itself.
+        *data = first + 4;
+        q->heldSlots = 1;
     } else {
+        if (total > q->readBufSize) {
+            uint64_t grown = static_cast<uint64_t>(total) + kReadBufHeadroom;
+            auto* buf = static_cast<uint8_t*>(QMX_HeapMalloc(grown));
+            if (!buf) {
+                return KORVALEN_ERR_NO_MEMORY;
+            }
+            QMX_HeapFree(q->readBuf);
+            q->readBuf = buf;
+            q->readBufSize = static_cast<uint32_t>(grown);
+        }
         uint32_t remaining = total;
         uint8_t* dst = q->readBuf;
         while (remaining > 0) {
@@ -157,11 +182,11 @@ uint32_t QUEUE_GetPacket(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* lengt
             std::memcpy(dst, slot + 4, chunk);
             dst += chunk;
             remaining -= chunk;
-            r = (r + 1) % count;
+            r = r + 1 == count ? 0 : r + 1;
         }
+        q->readIndex.store(r, std::memory_order_release);
+        *data = q->readBuf;
     }
-    q->readIndex.store(r, std::memory_order_release);
-    *data = q->readBuf;
     if (length) {
         *length = total;
     }
@@ -176,4 +201,45 @@ uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q)
     uint32_t w = q->writeIndex.load(std::memory_order_acquire);
     uint32_t r = q->readIndex.load(std::memory_order_acquire);
     return (w - r + q->slotCount) % q->slotCount;
+}
+
+bool QUEUE_IsFrameEndPacket(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads)
+{
+    if (!data || length < 3) {
+        return false;
+    }
+    if ((data[0] == 'F' && data[1] == 'L' && data[2] == 'V') || (data[0] == 'f' && data[1] == 'l' && data[2] == 'v')) {
+        return true;
+    }
+    constexpr uint32_t kRtpHeader = 12;
+    if (length < kRtpHeader || (data[0] & 0xC0) != 0x80 || (data[1] & 0x80) == 0) {
+        return false;
+    }
+    return RTP_IsVideoCodec(RTP_LookupCodec(data[1] & 0x7F, payloads));
+}
+
+uint32_t QUEUE_AddPacketEx(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads,
+                           QUEUE_PACKET_BUFFER* q)
+{
+    return AddPacket(data, length, q, QUEUE_IsFrameEndPacket(data, length, payloads));
+}
+
+uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length,
+                           const RTP_PAYLOAD_TABLE* payloads)
+{
+    uint32_t len = 0;
+    uint32_t err = QUEUE_GetPacket(q, data, &len);
+    if (err != KORVALEN_OK) {
+        return err;
+    }
+    if (length) {
+        *length = len;
+    }
+    if (QUEUE_IsFrameEndPacket(*data, len, payloads)) {
+        // Never below zero: a packet added with the plain add was not counted.
+        uint32_t n = q->frameCount.load(std::memory_order_relaxed);
+        while (n > 0 && !q->frameCount.compare_exchange_weak(n, n - 1, std::memory_order_relaxed)) {
+        }
+    }
+    return KORVALEN_OK;
 }

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <mutex>
 
+struct RTP_PAYLOAD_TABLE;
+
 struct QUEUE_PACKET_BUFFER {
     uint8_t* slots = nullptr;   // slotCount x slotStride bytes
     uint8_t* readBuf = nullptr; // where a taken packet is reassembled
@@ -18,6 +20,7 @@ struct QUEUE_PACKET_BUFFER {
     uint32_t fullCount = 0;              // refused adds, thins out the "full" log
     std::atomic<uint32_t> frameCount{0}; // whole video frames waiting
     uint32_t readBufSize = 0;
+    uint32_t heldSlots = 0;     // reader: slot handed out in place, freed at the next get
     std::mutex lock; // serialises writers
 };
 
@@ -29,9 +32,25 @@ void QUEUE_ReleasePacketBuffer(QUEUE_PACKET_BUFFER* q);
 // queue has no slots.
 uint32_t QUEUE_AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFFER* q);
 
-// Takes the oldest packet: *data points into the read buffer until the next
-// get. 0, 261 when empty, 3 when the read buffer cannot grow. One reader only.
+// As QUEUE_AddPacket; a packet that ends a video frame (an RTP packet with
+// the marker bit whose payload type is H.264, JPEG or H.265 by the port's
+// table, or an FLV tag) also counts one more frame waiting.
+uint32_t QUEUE_AddPacketEx(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads,
+                           QUEUE_PACKET_BUFFER* q);
+
+// Takes the oldest packet: *data stays valid until the next get. A packet
+// that fits one slot is handed out in place (its slot is given back at the
+// next get); a longer one is reassembled into the read buffer. 0, 261 when
+// empty, 3 when the read buffer cannot grow. One reader only.
 uint32_t QUEUE_GetPacket(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length);
+
+// As QUEUE_GetPacket, and counts a frame-ending packet out of the frames
+// waiting, so the counter matches what QUEUE_AddPacketEx counted in.
+uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length,
+                           const RTP_PAYLOAD_TABLE* payloads);
+
+// True for a packet that ends a video frame, by the rule above.
+bool QUEUE_IsFrameEndPacket(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads);
 
 // Occupied slots, (write - read + count) mod count.
 uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q);
