@@ -48,7 +48,7 @@ extern "C" {
 #define KORVALEN_ERR_FRAME_INCOMPLETE    529u  /* packet consumed, frame not complete */
 #define KORVALEN_ERR_DISPLAY_NO_SLOT     530u  /* display wrapper has no free slot */
 #define KORVALEN_ERR_DISPLAY_PARAM       531u  /* display wrapper given a null argument */
-#define KORVALEN_ERR_DISPLAY_CREATE      532u  /* display object could not be created */
+#define KORVALEN_ERR_OUTPUT_CREATE       532u  /* display or sound output could not be created */
 #define KORVALEN_ERR_SOUND_BUFFER        533u  /* sound buffer missing */
 #define KORVALEN_ERR_JPEG_ENCODER_CREATE 535u  /* JPEG encoder creation failed */
 #define KORVALEN_ERR_CAPTURE_DEVICE      536u  /* capture device missing */

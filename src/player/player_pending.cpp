@@ -314,41 +314,6 @@ uint32_t Player_SnatchOnce(uint32_t port, const char*, uint32_t, const KORVALEN_
     return Player_NotBuilt(port);
 }
 
-uint32_t Player_OpenSound(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_CloseSound(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetSoundVolume(uint32_t port, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetSoundVolume(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetSoundQuietStatus(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetSoundQuietStatus(uint32_t port, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetPlaySoundChannel(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_SetVoiceEncodeType(uint32_t port, uint32_t, uint32_t, uint32_t)
 {
     return Player_NotBuilt(port);

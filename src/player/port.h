@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "audio/port_sound.h"
 #include "korvalen_types.h"
 #include "queue/queue_packet.h"
 
@@ -54,6 +55,7 @@ struct PortRecord {
     std::recursive_mutex displayLock;
 
     PortCallbacks callbacks;
+    PortSound sound;
 
     // Playback defaults.
     uint32_t frameInterval = 40; // ms

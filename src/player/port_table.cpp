@@ -3,6 +3,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "audio/audio_device.h"
+#include "audio/audio_port.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
 #include "player/player_api.h"
@@ -48,11 +50,16 @@ uint32_t Player_Startup()
     if (err != KORVALEN_OK) {
         return err;
     }
-    std::lock_guard<std::mutex> lock(g_tableLock);
-    for (auto& slot : g_ports) {
-        slot.store(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(g_tableLock);
+        for (auto& slot : g_ports) {
+            slot.store(nullptr);
+        }
+        g_cursor = 0;
     }
-    g_cursor = 0;
+    // Without a sound server the library still starts; playback then
+    // reports the missing device per port.
+    Audio_Init();
     return KORVALEN_OK;
 }
 
@@ -63,6 +70,7 @@ void Player_Cleanup()
         std::lock_guard<std::recursive_mutex> lock(SDK_PortLock(p));
         Player_FreePort(p);
     }
+    Audio_Fini();
     Report_Fini();
 }
 
@@ -108,6 +116,7 @@ void Player_FreePort(uint32_t port)
         return;
     }
     CloseSource(rec);
+    Audio_ReleasePortSound(rec);
     QUEUE_ReleasePacketBuffer(&rec->packetBuffer);
     {
         std::lock_guard<std::mutex> lock(g_tableLock);

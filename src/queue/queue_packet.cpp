@@ -224,8 +224,7 @@ uint32_t QUEUE_AddPacketEx(const uint8_t* data, uint32_t length, const RTP_PAYLO
     return AddPacket(data, length, q, QUEUE_IsFrameEndPacket(data, length, payloads));
 }
 
-uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length,
-                           const RTP_PAYLOAD_TABLE* payloads)
+uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length, const RTP_PAYLOAD_TABLE* payloads)
 {
     uint32_t len = 0;
     uint32_t err = QUEUE_GetPacket(q, data, &len);

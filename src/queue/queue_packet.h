@@ -20,8 +20,8 @@ struct QUEUE_PACKET_BUFFER {
     uint32_t fullCount = 0;              // refused adds, thins out the "full" log
     std::atomic<uint32_t> frameCount{0}; // whole video frames waiting
     uint32_t readBufSize = 0;
-    uint32_t heldSlots = 0;     // reader: slot handed out in place, freed at the next get
-    std::mutex lock; // serialises writers
+    uint32_t heldSlots = 0; // reader: slot handed out in place, freed at the next get
+    std::mutex lock;        // serialises writers
 };
 
 // Allocates the ring and the 10240-byte read buffer. 0, or 3 on no memory.
@@ -46,8 +46,7 @@ uint32_t QUEUE_GetPacket(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* lengt
 
 // As QUEUE_GetPacket, and counts a frame-ending packet out of the frames
 // waiting, so the counter matches what QUEUE_AddPacketEx counted in.
-uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length,
-                           const RTP_PAYLOAD_TABLE* payloads);
+uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* length, const RTP_PAYLOAD_TABLE* payloads);
 
 // True for a packet that ends a video frame, by the rule above.
 bool QUEUE_IsFrameEndPacket(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads);

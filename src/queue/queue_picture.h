@@ -20,8 +20,8 @@ struct QUEUE_PICTURE {
     uint32_t lineSizes[3] = {};
     uint32_t width = 0;
     uint32_t height = 0;
-    uint64_t presentation = 0; // time stamp of the picture
-    uint32_t attribute = 0;    // further value copied from the decoder output
+    uint64_t presentation = 0;  // time stamp of the picture
+    uint32_t attribute = 0;     // further value copied from the decoder output
     QUEUE_ATTACHED attached[2]; // ownership passes to the queue
 };
 

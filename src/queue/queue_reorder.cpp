@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr uint32_t kSlotHeader = 5;    // filled flag + 32-bit length
+constexpr uint32_t kSlotHeader = 5;      // filled flag + 32-bit length
 constexpr uint16_t kLateWindow = 0x8000; // a distance this large means "behind"
 constexpr uint32_t kLateLogEvery = 100;
 constexpr uint32_t kMinPacket = 12;
@@ -103,8 +103,9 @@ uint32_t QUEUE_AddAdjustPktSeqData(const uint8_t* packet, uint32_t length, QUEUE
         // Older than the packet last taken: it has been passed on or given
         // up already, and letting it in would reorder the stream backwards.
         if (q->lateCount++ % kLateLogEvery == 0) {
-            KORVALEN_LOG(KORVALEN_LOG_WARN, "QUEUE_AddAdjustPktSeqData warm, late packet(%u), PreSequence(%u), count(%u)",
-                         seq, q->prevSeq, q->lateCount);
+            KORVALEN_LOG(KORVALEN_LOG_WARN,
+                         "QUEUE_AddAdjustPktSeqData warm, late packet(%u), PreSequence(%u), count(%u)", seq, q->prevSeq,
+                         q->lateCount);
         }
         return KORVALEN_OK;
     }

@@ -10,7 +10,7 @@ struct QUEUE_ADJUST_PKT_SEQ {
     uint32_t readIndex = 0;
     uint32_t slotStride = 0; // maximum packet size + 5
     uint32_t firstPacket = 1;
-    uint16_t prevSeq = 0; // sequence number of the last packet taken
+    uint16_t prevSeq = 0;   // sequence number of the last packet taken
     uint32_t lateCount = 0; // packets older than the last taken, dropped
 };
 

@@ -48,11 +48,21 @@ TEST(QueueModel, PacketBufferMatchesReferenceModel)
                     // larger than the free room.
                     uint32_t len;
                     switch (rng() % 6) {
-                    case 0: len = payload; break;
-                    case 1: len = payload + 1; break;
-                    case 2: len = payload - 1; break;
-                    case 3: len = payload * (count / 2 + 1) + rng() % payload; break;
-                    default: len = 12 + rng() % (payload * 3); break;
+                    case 0:
+                        len = payload;
+                        break;
+                    case 1:
+                        len = payload + 1;
+                        break;
+                    case 2:
+                        len = payload - 1;
+                        break;
+                    case 3:
+                        len = payload * (count / 2 + 1) + rng() % payload;
+                        break;
+                    default:
+                        len = 12 + rng() % (payload * 3);
+                        break;
                     }
                     bool marker = rng() % 3 == 0;
                     uint8_t pt = rng() % 4 == 0 ? 0 : 96; // 0 is G.711: never a frame end

@@ -107,10 +107,12 @@ TEST_F(PacketQueueTest, ZeroSlotQueueAndAllocationFailure)
     EXPECT_TRUE(log.Has("QUEUE_AddPacket warm, Buffer Num is zero"));
 
     uint64_t live = QMX_HeapLiveBytes();
-    QMX_HeapFailAt(2); // the slot block
-    EXPECT_EQ(QUEUE_InitPacketBuffer(&q, 276, 256), KORVALEN_ERR_NO_MEMORY);
-    QMX_HeapFailAt(0);
-    EXPECT_EQ(QMX_HeapLiveBytes(), live) << "the read buffer is given back";
+    for (uint64_t n = 1; n <= 2; ++n) { // the read buffer, then the slots
+        QMX_HeapFailAt(n);
+        EXPECT_EQ(QUEUE_InitPacketBuffer(&q, 276, 256), KORVALEN_ERR_NO_MEMORY);
+        QMX_HeapFailAt(0);
+        EXPECT_EQ(QMX_HeapLiveBytes(), live) << "nothing is left behind, failing allocation " << n;
+    }
     EXPECT_TRUE(log.Has("malloc (size:71680) failed"));
 }
 

@@ -82,7 +82,7 @@ TEST_F(ReorderTest, SequenceWrapsAndFarJumpsRestartTheRing)
     Add(0);
     Add(65535);
     EXPECT_EQ(Drain(), (Seq{{65534, 0}, {65535, 0}, {0, 0}}));
-    Add(2); // 1 is missing
+    Add(2);   // 1 is missing
     Add(500); // far beyond the ring: 1..499 are given up
     EXPECT_EQ(Drain(), (Seq{{500, 0}}));
     Add(501);

@@ -1,0 +1,221 @@
+#include "pulse_server.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <pulse/simple.h>
+
+#include "test_env.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr int kRate = 48000;
+constexpr size_t kWindow = kRate * 2 * 4 / 10; // 400 ms of stereo samples
+
+pid_t Spawn(const std::vector<std::string>& args, const std::string& out)
+{
+    std::vector<char*> argv;
+    for (const auto& a : args) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) {
+        pid = -1;
+    }
+    posix_spawn_file_actions_destroy(&fa);
+    return pid;
+}
+
+void Reap(pid_t pid, int sig)
+{
+    if (pid > 0) {
+        kill(pid, sig);
+        int status = 0;
+        waitpid(pid, &status, 0);
+    }
+}
+
+bool ServerAnswers(const std::string& dir)
+{
+    pid_t pid = Spawn({"pactl", "info"}, dir + "/pactl.out");
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+size_t LoudestStart(const std::vector<int16_t>& s)
+{
+    if (s.size() <= kWindow) {
+        return 0;
+    }
+    // Energy per 10 ms block, then the best 40-block run.
+    const size_t block = kRate * 2 / 100;
+    std::vector<double> e(s.size() / block, 0.0);
+    for (size_t b = 0; b < e.size(); ++b) {
+        for (size_t i = b * block; i < (b + 1) * block; ++i) {
+            e[b] += static_cast<double>(s[i]) * s[i];
+        }
+    }
+    size_t run = kWindow / block, best = 0;
+    double sum = 0, bestSum = -1;
+    for (size_t b = 0; b < e.size(); ++b) {
+        sum += e[b];
+        if (b >= run) {
+            sum -= e[b - run];
+        }
+        if (b + 1 >= run && sum > bestSum) {
+            bestSum = sum;
+            best = (b + 1 - run) * block;
+        }
+    }
+    return best;
+}
+
+} // namespace
+
+PulseServer::~PulseServer()
+{
+    Kill();
+}
+
+bool PulseServer::Start()
+{
+    if (m_dir.empty()) {
+        m_dir = TestHome() + "/pulse";
+        mkdir(m_dir.c_str(), 0700);
+    }
+    std::string socket = m_dir + "/native";
+    unlink(socket.c_str());
+    setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
+    // The daemon keeps its state under its own home.
+    std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+    setenv("HOME", m_dir.c_str(), 1);
+    setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
+    m_pid = Spawn({"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--disallow-exit", "--use-pid-file=no",
+                   "--disable-shm=yes", "-L", "module-native-protocol-unix auth-anonymous=1 socket=" + socket, "-L",
+                   "module-null-sink sink_name=knull rate=48000 channels=2"},
+                  m_dir + "/daemon.out");
+    setenv("HOME", oldHome.c_str(), 1);
+    if (m_pid <= 0) {
+        return false;
+    }
+    for (int i = 0; i < 100; ++i) {
+        if (ServerAnswers(m_dir)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    Kill();
+    return false;
+}
+
+void PulseServer::Kill()
+{
+    Reap(m_pid, SIGKILL);
+    m_pid = -1;
+}
+
+struct SinkRecorder::State {
+    pa_simple* conn = nullptr;
+    std::atomic<bool> stop{false};
+    std::vector<int16_t> samples;
+    std::thread thread;
+};
+
+SinkRecorder::~SinkRecorder()
+{
+    Stop();
+}
+
+bool SinkRecorder::Start()
+{
+    pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 2};
+    pa_buffer_attr attr{};
+    attr.maxlength = static_cast<uint32_t>(-1);
+    attr.fragsize = kRate * 2 * 2 / 100; // 10 ms reads
+    int err = 0;
+    pa_simple* conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "sink monitor", &spec,
+                                    nullptr, &attr, &err);
+    if (!conn) {
+        return false;
+    }
+    m_state = new State;
+    m_state->conn = conn;
+    m_state->thread = std::thread([st = m_state] {
+        int16_t buf[960];
+        int e = 0;
+        while (!st->stop && pa_simple_read(st->conn, buf, sizeof buf, &e) == 0) {
+            st->samples.insert(st->samples.end(), buf, buf + 960);
+        }
+    });
+    return true;
+}
+
+std::vector<int16_t> SinkRecorder::Stop()
+{
+    if (!m_state) {
+        return {};
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the tail still in the server
+    m_state->stop = true;
+    m_state->thread.join();
+    pa_simple_free(m_state->conn);
+    std::vector<int16_t> out = std::move(m_state->samples);
+    delete m_state;
+    m_state = nullptr;
+    return out;
+}
+
+ChannelLevels LoudestRms(const std::vector<int16_t>& s)
+{
+    size_t start = LoudestStart(s);
+    size_t end = std::min(s.size(), start + kWindow);
+    double l = 0, r = 0;
+    size_t n = 0;
+    for (size_t i = start; i + 1 < end; i += 2, ++n) {
+        l += static_cast<double>(s[i]) * s[i];
+        r += static_cast<double>(s[i + 1]) * s[i + 1];
+    }
+    if (n == 0) {
+        return {0, 0};
+    }
+    return {std::sqrt(l / n), std::sqrt(r / n)};
+}
+
+double ToneAmplitude(const std::vector<int16_t>& s, int channel, double hz)
+{
+    size_t start = LoudestStart(s);
+    size_t end = std::min(s.size(), start + kWindow);
+    double w = 2.0 * std::cos(2.0 * M_PI * hz / kRate);
+    double s1 = 0, s2 = 0;
+    size_t n = 0;
+    for (size_t i = start + static_cast<size_t>(channel); i < end; i += 2, ++n) {
+        double s0 = s[i] + w * s1 - s2;
+        s2 = s1;
+        s1 = s0;
+    }
+    if (n == 0) {
+        return 0;
+    }
+    double power = s1 * s1 + s2 * s2 - w * s1 * s2;
+    return std::sqrt(power) * std::sqrt(2.0) / n; // a pure tone of RMS a gives about a
+}

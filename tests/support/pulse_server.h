@@ -1,0 +1,48 @@
+// A real PulseAudio daemon for sound tests: private to the test process,
+// with one null sink whose monitor parec records.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+class PulseServer {
+public:
+    ~PulseServer();
+    // Starts the daemon and points PULSE_SERVER at it. False when pulseaudio
+    // cannot run here.
+    bool Start();
+    // Ends it the hard way: the sound server going away under a player.
+    void Kill();
+    const std::string& Dir() const { return m_dir; }
+
+private:
+    std::string m_dir;
+    pid_t m_pid = -1;
+};
+
+// Records the null sink's monitor (48 kHz, stereo, 16-bit) until Stop(),
+// as a separate PulseAudio client.
+class SinkRecorder {
+public:
+    ~SinkRecorder();
+    bool Start();
+    // Stops and returns the samples, interleaved left/right.
+    std::vector<int16_t> Stop();
+
+private:
+    struct State;
+    State* m_state = nullptr;
+};
+
+// Tone analysis of interleaved stereo at 48 kHz.
+struct ChannelLevels {
+    double left;
+    double right;
+};
+// RMS of each channel over the loudest 400 ms window.
+ChannelLevels LoudestRms(const std::vector<int16_t>& stereo);
+// Relative strength of a frequency on one channel (Goertzel over the loudest
+// window), as an RMS-like amplitude.
+double ToneAmplitude(const std::vector<int16_t>& stereo, int channel, double hz);
