@@ -18,7 +18,14 @@ constexpr uint32_t kDeviceBlocks = 4; // blocks queued in the server at most
 constexpr uint32_t kOpTimeoutMs = 2000;
 constexpr uint32_t kUnderrunSleepMs = 40;
 constexpr uint32_t kAddFailLogEvery = 1000;
+// Frames waiting in the ring beyond which the oldest are dropped: the device
+// takes one block per block played, so a backlog would otherwise stay as
+// latency for good (and live sound must keep up with the picture).
+constexpr uint32_t kMaxBacklog = 8;
+constexpr uint32_t kBacklogKeep = 3;
+constexpr uint32_t kLateLogEvery = 100;
 constexpr int32_t kSilence = -10000;
+constexpr uint32_t kWakeCheckMs = 50; // the feeder re-checks stop and stream state this often
 
 struct OpResult {
     int success = 0;
@@ -81,6 +88,20 @@ pa_sample_format_t SampleFormat(uint32_t bits)
 
 } // namespace
 
+void CPulsePlay::OnWritable(pa_stream*, size_t, void* self)
+{
+    static_cast<CPulsePlay*>(self)->Wake();
+}
+
+void CPulsePlay::Wake()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_wakeLock);
+        m_woken = true;
+    }
+    m_wake.notify_one();
+}
+
 CPulsePlay::~CPulsePlay()
 {
     StopPlaySound();
@@ -136,6 +157,7 @@ uint32_t CPulsePlay::CreateSoundDec(const AUDIO_WAVE_FORMAT& format, uint32_t bl
         m_stream = pa_stream_new(Audio_Context(), "Korvalen port sound", &spec, &map);
     }
     if (m_stream) {
+        pa_stream_set_write_callback(m_stream, &CPulsePlay::OnWritable, this);
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
         attr.tlength = kDeviceBlocks * blockLength;
@@ -179,6 +201,7 @@ void CPulsePlay::DestroySoundDec()
 {
     if (m_stream) {
         AudioLoopLock lock;
+        pa_stream_set_write_callback(m_stream, nullptr, nullptr);
         pa_stream_disconnect(m_stream);
         pa_stream_unref(m_stream);
         m_stream = nullptr;
@@ -225,6 +248,7 @@ uint32_t CPulsePlay::StartPlaySound()
 void CPulsePlay::StopPlaySound()
 {
     m_running = 0;
+    Wake();
     if (m_thread.joinable()) {
         m_thread.join();
     }
@@ -310,17 +334,22 @@ uint32_t CPulsePlay::AddSoundData(const uint8_t* data, uint32_t length)
 uint32_t CPulsePlay::WaitPlayDone()
 {
     while (m_running) {
-        PLAT_SleepMs(1);
-        AudioLoopLock lock;
-        if (!StreamGoodLocked()) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR,
-                         "CDsoundPlay::WaitPlayDone failed, DSound buffer GetCurrentPosition failed(retcode:%d)",
-                         pa_context_errno(Audio_Context()));
-            return 1;
+        {
+            AudioLoopLock lock;
+            if (!StreamGoodLocked()) {
+                KORVALEN_LOG(KORVALEN_LOG_ERROR,
+                             "CDsoundPlay::WaitPlayDone failed, DSound buffer GetCurrentPosition failed(retcode:%d)",
+                             pa_context_errno(Audio_Context()));
+                return 1;
+            }
+            if (pa_stream_writable_size(m_stream) >= m_blockSize) {
+                return KORVALEN_OK;
+            }
         }
-        if (pa_stream_writable_size(m_stream) >= m_blockSize) {
-            return KORVALEN_OK;
-        }
+        // Sleep until the server asks for data (or a stop, or a state check).
+        std::unique_lock<std::mutex> lock(m_wakeLock);
+        m_wake.wait_for(lock, std::chrono::milliseconds(kWakeCheckMs), [this] { return m_woken; });
+        m_woken = false;
     }
     return KORVALEN_OK;
 }
@@ -329,6 +358,18 @@ uint32_t CPulsePlay::CheckCurBuffer()
 {
     uint8_t* data = nullptr;
     uint32_t length = 0;
+    uint32_t waiting = QUEUE_OccupiedSlots(&m_ring);
+    if (waiting > kMaxBacklog) {
+        uint32_t dropped = 0;
+        while (QUEUE_OccupiedSlots(&m_ring) > kBacklogKeep && QUEUE_GetPacket(&m_ring, &data, &length) == KORVALEN_OK) {
+            ++dropped;
+        }
+        m_lateDropped += dropped;
+        if (m_lateLogs++ % kLateLogEvery == 0) {
+            KORVALEN_LOG(KORVALEN_LOG_WARN, "CDsoundPlay::CheckCurBuffer warm, sound behind, dropped(%d), count(%d)",
+                         dropped, m_lateDropped);
+        }
+    }
     bool empty = QUEUE_GetPacket(&m_ring, &data, &length) != KORVALEN_OK;
     if (empty) {
         // Nothing decoded: keep the device fed with silence and back off.
@@ -380,9 +421,15 @@ uint64_t CPulsePlay::LatencyUs()
         return 0;
     }
     AudioLoopLock lock;
+    if (!StreamGoodLocked()) {
+        return 0;
+    }
+    OpResult updated;
+    Finish(pa_stream_update_timing_info(m_stream, &OnStreamSuccess, &updated), updated);
     pa_usec_t usec = 0;
     int negative = 0;
-    if (!StreamGoodLocked() || pa_stream_get_latency(m_stream, &usec, &negative) < 0 || negative) {
+    int rc = pa_stream_get_latency(m_stream, &usec, &negative);
+    if (rc < 0 || negative) {
         return 0;
     }
     return usec;

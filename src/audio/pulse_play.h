@@ -4,6 +4,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "audio/dsound_play.h"
@@ -32,6 +34,8 @@ public:
     uint64_t LatencyUs() override;
 
 private:
+    static void OnWritable(pa_stream* stream, size_t bytes, void* self);
+    void Wake();
     uint32_t ApplyVolumeLocked(int32_t hundredthsDb);
     bool StreamGoodLocked() const;
 
@@ -43,7 +47,13 @@ private:
     std::atomic<uint32_t> m_running{0};
     std::atomic<bool> m_broken{false};
     std::thread m_thread;
+    // The server's requests for data wake the feeding thread: no polling.
+    std::mutex m_wakeLock;
+    std::condition_variable m_wake;
+    bool m_woken = false;
     QUEUE_PACKET_BUFFER m_ring;
     uint8_t* m_silence = nullptr; // one block of zeros
     uint32_t m_addFail = 0;
+    uint32_t m_lateDropped = 0; // frames dropped to catch up with live sound
+    uint32_t m_lateLogs = 0;
 };

@@ -17,8 +17,6 @@
 
 #include <pulse/simple.h>
 
-#include "test_env.h"
-
 extern char** environ;
 
 namespace {
@@ -97,12 +95,10 @@ PulseServer::~PulseServer()
     Kill();
 }
 
-bool PulseServer::Start()
+bool PulseServer::Start(const std::string& dir)
 {
-    if (m_dir.empty()) {
-        m_dir = TestHome() + "/pulse";
-        mkdir(m_dir.c_str(), 0700);
-    }
+    m_dir = dir;
+    mkdir(m_dir.c_str(), 0700);
     std::string socket = m_dir + "/native";
     unlink(socket.c_str());
     setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);

@@ -10,9 +10,9 @@
 class PulseServer {
 public:
     ~PulseServer();
-    // Starts the daemon and points PULSE_SERVER at it. False when pulseaudio
-    // cannot run here.
-    bool Start();
+    // Starts the daemon with its state and socket in dir (made if missing)
+    // and points PULSE_SERVER at it. False when pulseaudio cannot run here.
+    bool Start(const std::string& dir);
     // Ends it the hard way: the sound server going away under a player.
     void Kill();
     const std::string& Dir() const { return m_dir; }

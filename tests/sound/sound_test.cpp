@@ -49,7 +49,7 @@ struct SoundTest : ::testing::Test {
 
     void SetUp() override
     {
-        if (!server.Start()) {
+        if (!server.Start(TestHome() + "/pulse")) {
             GTEST_SKIP() << "pulseaudio cannot run here";
         }
         ASSERT_EQ(Korvalen_Init(), 1);
@@ -133,7 +133,7 @@ TEST_F(SoundTest, ChannelChoiceAndTwoPortsAtOnce)
     ASSERT_EQ(Korvalen_OpenSound(b), 1);
     ASSERT_EQ(Korvalen_SetSoundVolume(a, 255), 1);
     ASSERT_EQ(Korvalen_SetSoundVolume(b, 255), 1);
-    auto both = Play({{a, &low}, {b, &high}});
+    auto both = Play({{a, &low}, {b, &high}}, 100);
     for (int ch = 0; ch < 2; ++ch) {
         EXPECT_NEAR(Db(ToneAmplitude(both, ch, 1000) / (kAmplitude / std::sqrt(2.0))), 0.0, 2.0) << ch;
         EXPECT_NEAR(Db(ToneAmplitude(both, ch, 1500) / (kAmplitude / std::sqrt(2.0))), 0.0, 2.0) << ch;
@@ -182,7 +182,7 @@ TEST_F(SoundTest, ServerGoingAwayAndComingBack)
     EXPECT_EQ(rec->sound.open, 0u);
 
     // The server is back: opening the sound again plays again.
-    ASSERT_TRUE(server.Start());
+    ASSERT_TRUE(server.Start(TestHome() + "/pulse"));
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     ASSERT_EQ(Korvalen_OpenSound(a), 1);
     ASSERT_EQ(Korvalen_SetSoundVolume(a, 255), 1);
