@@ -354,46 +354,6 @@ uint32_t Player_GetMicQuietStatus(uint32_t port, uint32_t*)
     return Player_NotBuilt(port);
 }
 
-uint32_t Player_SetRenderScale(uint32_t port, const KORVALEN_RECT*, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetRenderScale(uint32_t port, KORVALEN_RECT*, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetDigitalZoom(uint32_t port, const KORVALEN_RECT*, const KORVALEN_RECT*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetAdjust(uint32_t port, uint32_t, const int32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetAdjust(uint32_t port, KORVALEN_ADJUST*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetOSDStyle(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetGpuDrawEnable(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetDeinterlaceMode(uint32_t port, uint32_t, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_SetIVAEnable(uint32_t port, uint32_t)
 {
     return Player_NotBuilt(port);

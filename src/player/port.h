@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "audio/port_sound.h"
+#include "display/video_display.h"
 #include "korvalen_types.h"
 #include "queue/queue_packet.h"
 
@@ -56,10 +57,10 @@ struct PortRecord {
 
     PortCallbacks callbacks;
     PortSound sound;
+    PortDisplay video;
 
     // Playback defaults.
     uint32_t frameInterval = 40; // ms
-    int32_t adjust[4] = {100, 100, 100, 10};
     float speedFactor = 1.0f;
     uint32_t workBufferSizes[3] = {kWorkBufferSize, kWorkBufferSize, kWorkBufferSize};
     uint32_t gpuDecode = 0;    // copy of the global switch at allocation

@@ -100,6 +100,7 @@ uint32_t Player_AllocPort(uint32_t* port)
             return KORVALEN_ERR_NO_MEMORY;
         }
         rec->port = slot;
+        rec->video.settings.port = slot;
         rec->gpuDecode = g_gpuDecode.load();
         g_cursor = (slot + 1) % kPortCount;
         g_ports[slot].store(rec, std::memory_order_release);
@@ -117,6 +118,7 @@ void Player_FreePort(uint32_t port)
     }
     CloseSource(rec);
     Audio_ReleasePortSound(rec);
+    Video_DestroyDisplayDec(rec->video.display);
     QUEUE_ReleasePacketBuffer(&rec->packetBuffer);
     {
         std::lock_guard<std::mutex> lock(g_tableLock);

@@ -1,0 +1,132 @@
+#include "display/x11_connection.h"
+
+#include <X11/Xlib.h>
+#include <X11/extensions/XShm.h>
+#include <atomic>
+
+#include "log/log.h"
+
+namespace {
+
+constexpr size_t kMaxConns = 64;
+std::mutex g_connsLock; // opening and releasing
+// Open connections, read lock-free by the error handlers (which run inside
+// Xlib calls, where taking g_connsLock could deadlock with a release).
+std::atomic<X11Conn*> g_conns[kMaxConns];
+XErrorHandler g_prevError = nullptr;
+XIOErrorHandler g_prevIoError = nullptr;
+bool g_handlersSet = false;
+
+X11Conn* Find(Display* dpy)
+{
+    for (auto& slot : g_conns) {
+        X11Conn* c = slot.load();
+        if (c && c->dpy == dpy) {
+            return c;
+        }
+    }
+    return nullptr;
+}
+
+// Called with the connection's lock held by the thread that made the call.
+int OnXError(Display* dpy, XErrorEvent* ev)
+{
+    X11Conn* c = Find(dpy);
+    if (!c) {
+        return g_prevError ? g_prevError(dpy, ev) : 0;
+    }
+    c->lastError = ev->error_code;
+    return 0;
+}
+
+int OnXIoError(Display* dpy)
+{
+    X11Conn* c = Find(dpy);
+    if (!c) {
+        return g_prevIoError ? g_prevIoError(dpy) : 0;
+    }
+    c->dead = true;
+    return 0;
+}
+
+// Returning keeps the process alive; the connection is unusable from now on
+// and the displays on it report their surface lost.
+void OnXIoExit(Display*, void* user)
+{
+    static_cast<X11Conn*>(user)->dead = true;
+}
+
+} // namespace
+
+X11Conn* X11_Acquire(const char* name)
+{
+    std::string key = name ? name : "";
+    std::lock_guard<std::mutex> guard(g_connsLock);
+    size_t freeSlot = kMaxConns;
+    for (size_t i = 0; i < kMaxConns; ++i) {
+        X11Conn* c = g_conns[i].load();
+        if (!c) {
+            freeSlot = freeSlot == kMaxConns ? i : freeSlot;
+        } else if (c->name == key && !c->dead) {
+            ++c->refs;
+            return c;
+        }
+    }
+    if (freeSlot == kMaxConns) {
+        return nullptr;
+    }
+    if (!g_handlersSet) {
+        XInitThreads();
+        g_prevError = XSetErrorHandler(&OnXError);
+        g_prevIoError = XSetIOErrorHandler(&OnXIoError);
+        g_handlersSet = true;
+    }
+    Display* dpy = XOpenDisplay(name);
+    if (!dpy) {
+        return nullptr;
+    }
+    auto* c = new X11Conn;
+    c->name = key;
+    c->dpy = dpy;
+    c->refs = 1;
+    XSetIOErrorExitHandler(dpy, &OnXIoExit, c);
+    int major = 0, minor = 0;
+    Bool pixmaps = False;
+    // A local server shares memory with us; a remote one gets plain puts.
+    c->hasShm = XShmQueryVersion(dpy, &major, &minor, &pixmaps) == True;
+    g_conns[freeSlot].store(c);
+    return c;
+}
+
+void X11_Release(X11Conn* conn)
+{
+    if (!conn) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(g_connsLock);
+    if (--conn->refs > 0) {
+        return;
+    }
+    for (auto& slot : g_conns) {
+        if (slot.load() == conn) {
+            slot.store(nullptr);
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(conn->lock);
+        // Xlib skips the goodbye on a connection that already failed and
+        // only frees it.
+        XCloseDisplay(conn->dpy);
+    }
+    delete conn;
+}
+
+int X11_TakeError(X11Conn* conn)
+{
+    if (!conn->dead) {
+        XSync(conn->dpy, False);
+    }
+    int e = conn->lastError;
+    conn->lastError = 0;
+    return conn->dead ? BadImplementation : e;
+}

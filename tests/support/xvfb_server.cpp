@@ -1,0 +1,75 @@
+#include "xvfb_server.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <spawn.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+extern char** environ;
+
+XvfbServer::~XvfbServer()
+{
+    Kill();
+}
+
+bool XvfbServer::Start()
+{
+    // A display number of our own, derived from the process id.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        int n = 100 + (getpid() * 7 + attempt * 13) % 800;
+        std::string sock = "/tmp/.X11-unix/X" + std::to_string(n);
+        struct stat st {};
+        if (stat(sock.c_str(), &st) == 0) {
+            continue;
+        }
+        m_name = ":" + std::to_string(n);
+        std::vector<std::string> args = {"Xvfb", m_name, "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"};
+        std::vector<char*> argv;
+        for (auto& a : args) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+        int rc = posix_spawnp(&m_pid, "Xvfb", &fa, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&fa);
+        if (rc != 0) {
+            m_pid = -1;
+            return false;
+        }
+        for (int i = 0; i < 100; ++i) {
+            if (stat(sock.c_str(), &st) == 0) {
+                setenv("DISPLAY", m_name.c_str(), 1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                return true;
+            }
+            int status = 0;
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1; // it died: try another number
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        Kill();
+    }
+    return false;
+}
+
+void XvfbServer::Kill()
+{
+    if (m_pid > 0) {
+        kill(m_pid, SIGKILL);
+        int status = 0;
+        waitpid(m_pid, &status, 0);
+        m_pid = -1;
+    }
+}

@@ -1,0 +1,18 @@
+// A real X server (Xvfb) private to the test process.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+class XvfbServer {
+public:
+    ~XvfbServer();
+    // Starts Xvfb on a free display number and points DISPLAY at it.
+    bool Start();
+    void Kill();
+    const std::string& Name() const { return m_name; }
+
+private:
+    std::string m_name;
+    pid_t m_pid = -1;
+};
