@@ -116,6 +116,13 @@ bool PulseServer::Start(const std::string& dir)
     }
     for (int i = 0; i < 100; ++i) {
         if (ServerAnswers(m_dir)) {
+            // A fresh null sink hands its first recording only a fraction of
+            // the sound; one short throwaway recording settles it.
+            SinkRecorder warmUp;
+            if (warmUp.Start()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                warmUp.Stop();
+            }
             return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
