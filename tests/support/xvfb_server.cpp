@@ -30,7 +30,8 @@ bool XvfbServer::Start()
             continue;
         }
         m_name = ":" + std::to_string(n);
-        std::vector<std::string> args = {"Xvfb", m_name, "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"};
+        std::vector<std::string> args = {"Xvfb",         m_name,      "-screen", "0",
+                                         "1920x1200x24", "-nolisten", "tcp",     "-noreset"};
         std::vector<char*> argv;
         for (auto& a : args) {
             argv.push_back(a.data());
