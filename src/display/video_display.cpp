@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "display/offscreen_display.h"
+#include "display/x11_connection.h"
 #include "display/x11_display.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
@@ -21,6 +22,14 @@ uint32_t Video_CreateDisplayDec(uint64_t window, CBaseDisplay** display)
     }
     *display = nullptr;
     CBaseDisplay* d = nullptr;
+    X11Conn* probe = window != 0 ? X11_Acquire(nullptr) : nullptr;
+    if (window != 0 && !probe) {
+        // No X server: the port plays headless rather than not at all.
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Video_CreateDisplayDec warm, no X server, window(0x%x) played headless",
+                     static_cast<unsigned>(window));
+        window = 0;
+    }
+    X11_Release(probe);
     if (window != 0) {
         auto* x = QMX_New<CX11Display>(nullptr);
         if (!x) {

@@ -23,7 +23,8 @@ struct PortDisplay {
 };
 
 // A display for the window: an X11 one, or an off-screen one for window 0
-// or when no X server answers. 0, or 532 when the window cannot be used.
+// or when no X server answers. 0, or 532 when the server does not know the
+// window.
 uint32_t Video_CreateDisplayDec(uint64_t window, CBaseDisplay** display);
 void Video_DestroyDisplayDec(CBaseDisplay*& display);
 

@@ -169,36 +169,6 @@ uint32_t Player_CleanCache()
     return KORVALEN_ERR_NOT_SUPPORTED;
 }
 
-uint32_t Player_StartPlay(uint32_t port, uint64_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_StopPlay(uint32_t port, uint64_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_PausePlay(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_PauseLive(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetPictureFluency(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetOneFrameDecodeMode(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_AbleGpuDecode(uint32_t)
 {
     return 0; // no GPU decoding until the codec manager lands
@@ -225,46 +195,6 @@ uint32_t Player_GetPictureSize(uint32_t port, uint32_t*, uint32_t*)
 }
 
 uint32_t Player_GetEncodeType(uint32_t port, uint32_t*, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetSourceMediaDataCB(uint32_t port, KORVALEN_SOURCE_DATA_CB, uint32_t, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetParseVideoDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB, uint32_t, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetParseAudioDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB, uint32_t, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetDecodeVideoMediaDataCB(uint32_t port, KORVALEN_DECODED_VIDEO_CB, uint32_t, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetDecodeAudioMediaDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB, uint32_t, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetParseVoiceDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB, uint32_t, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetDrawMediaDataCB(uint32_t port, KORVALEN_DRAW_CB, void*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetDrawMediaDataCBEx(uint32_t port, KORVALEN_DRAW_CB, void*)
 {
     return Player_NotBuilt(port);
 }

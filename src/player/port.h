@@ -8,6 +8,7 @@
 #include "audio/port_sound.h"
 #include "display/video_display.h"
 #include "korvalen_types.h"
+#include "player/port_playback.h"
 #include "queue/queue_packet.h"
 
 enum SourceKind : uint32_t {
@@ -40,6 +41,7 @@ struct PortCallbacks {
     CallbackSlot<KORVALEN_DECODED_AUDIO_CB> decodeAudio;
     CallbackSlot<KORVALEN_DRAW_CB> draw;
     CallbackSlot<KORVALEN_DECODED_AUDIO_CB> parseVoice;
+    CallbackSlot<KORVALEN_DRAW_CB> drawEx; // handed to the display itself
 };
 
 struct PortRecord {
@@ -58,6 +60,8 @@ struct PortRecord {
     PortCallbacks callbacks;
     PortSound sound;
     PortDisplay video;
+    PortPlayback playback;
+    uint32_t feedDecoder = 1; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
     uint32_t frameInterval = 40; // ms

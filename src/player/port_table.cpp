@@ -117,6 +117,7 @@ void Player_FreePort(uint32_t port)
         return;
     }
     CloseSource(rec);
+    Player_StopPlay(port, rec->playback.window);
     Audio_ReleasePortSound(rec);
     Video_DestroyDisplayDec(rec->video.display);
     QUEUE_ReleasePacketBuffer(&rec->packetBuffer);

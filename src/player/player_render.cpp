@@ -1,0 +1,249 @@
+// Starting and stopping rendering, pausing, fluency, and the render thread
+// that paces pictures out of the off-screen queue into the display.
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+
+#include "display/video_display.h"
+#include "log/log.h"
+#include "platform/platform.h"
+#include "player/player_api.h"
+#include "player/player_pacing.h"
+#include "player/port_table.h"
+
+namespace {
+
+constexpr uint32_t kIdleSleepMs = 5;
+constexpr uint32_t kNoPictureSleepMs = 2;
+constexpr uint32_t kFirstFrameSleepMs = 10;
+constexpr uint32_t kIntervalCap = 60;
+constexpr uint32_t kMinInterval = 5;
+constexpr uint32_t kDisplayFailLogEvery = 100;
+constexpr uint32_t kMaxFluency = 5;
+
+bool Paced(uint32_t fluency)
+{
+    return fluency == FLUENCY_NORMAL || fluency == FLUENCY_LOW_DELAY || fluency == FLUENCY_SMOOTH;
+}
+
+// Interval between pictures for the render-side wait.
+uint32_t RenderInterval(const PortRecord* rec)
+{
+    const PortPlayback& pb = rec->playback;
+    if (rec->sourceKind == SOURCE_MEDIA_FILE && pb.fileFrameRate) {
+        return static_cast<uint32_t>(1000.0f * rec->speedFactor / static_cast<float>(pb.fileFrameRate));
+    }
+    if ((rec->sourceKind == SOURCE_INPUT_STREAM || rec->sourceKind == SOURCE_NET_STREAM) && pb.videoCodec >= 3 &&
+        pb.videoCodec <= 6 && pb.frameRate) {
+        auto i = static_cast<uint32_t>(1000.0f * rec->speedFactor / static_cast<float>(pb.frameRate));
+        return i < kMinInterval ? kMinInterval : i;
+    }
+    return rec->frameInterval > kIntervalCap ? kIntervalCap : rec->frameInterval;
+}
+
+void ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
+{
+    PortPlayback& pb = rec->playback;
+    if (pb.livePaused) {
+        PLAT_SleepMs(kNoPictureSleepMs); // the last picture stays on screen
+        return;
+    }
+    if (QUEUE_GetDecodeData(&pb.offscreen, held) != KORVALEN_OK) {
+        PLAT_SleepMs(kNoPictureSleepMs);
+        return;
+    }
+    if (!*held) {
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] __RenderThreadEntry Warm, DecodeVideoData is null", rec->port);
+        return;
+    }
+    CBaseDisplay* display = rec->video.display;
+    if (!display) {
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] __RenderThreadEntry Warm, DisplayDev is null", rec->port);
+        PLAT_SleepMs(kNoPictureSleepMs);
+        return;
+    }
+    DISP_SETTINGS s = rec->video.settings;
+    s.draw = rec->callbacks.draw.fn;
+    s.drawUser = rec->callbacks.draw.user;
+    uint32_t err = Video_DisPlayPicEx(rec->port, display, *held, s);
+    if (err != KORVALEN_OK) {
+        if ((*failures)++ % kDisplayFailLogEvery == 0) {
+            KORVALEN_LOG(KORVALEN_LOG_WARN, "Port %03d __RenderThreadEntry Warm, Video_DisPlayPic fail", rec->port);
+        }
+        return;
+    }
+    ++pb.rendered;
+}
+
+void RenderThread(PortRecord* rec)
+{
+    PLAT_SetThreadName("Render");
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __RenderThreadEntry thread succeed", rec->port);
+    PortPlayback& pb = rec->playback;
+    QUEUE_PICTURE_NODE* held = nullptr;
+    uint32_t failures = 0;
+    uint32_t stamp = PLAT_TickMs();
+    while (pb.rendering) {
+        if (pb.renderMode == 1) {
+            // Fixed interval only, rendering under the port's data lock.
+            int32_t wait = static_cast<int32_t>(RenderInterval(rec)) - static_cast<int32_t>(PLAT_TickMs() - stamp);
+            PLAT_SleepMs(wait >= 1 && wait < 1000 ? static_cast<uint32_t>(wait) : 1);
+            stamp = PLAT_TickMs();
+            std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
+            ShowNext(rec, &held, &failures);
+            continue;
+        }
+        const uint32_t fluency = pb.fluency;
+        if (!Paced(fluency)) {
+            PLAT_SleepMs(kIdleSleepMs);
+        } else if (!pb.packetSeen && fluency != FLUENCY_SMOOTH && rec->packetBuffer.frameCount.load() > 0) {
+            pb.packetSeen = 1;
+            PLAT_SleepMs(kFirstFrameSleepMs);
+            stamp = PLAT_TickMs();
+        } else {
+            auto elapsed = static_cast<int32_t>(PLAT_TickMs() - stamp);
+            if (elapsed < 0) {
+                KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] __RenderThreadEntry Warming, Used time(%d) < 0", rec->port,
+                             elapsed);
+            } else {
+                int32_t wait =
+                    Player_RenderWaitMs(fluency, RenderInterval(rec), elapsed, rec->packetBuffer.frameCount.load(),
+                                        pb.pictureBuffers, pb.frameRate, QUEUE_PictureCount(&pb.decoded) == 0);
+                if (wait > 0) {
+                    PLAT_SleepMs(static_cast<uint32_t>(wait));
+                }
+            }
+            stamp = PLAT_TickMs();
+        }
+        ShowNext(rec, &held, &failures);
+    }
+}
+
+void ReleaseRendering(PortRecord* rec)
+{
+    PortPlayback& pb = rec->playback;
+    Video_DestroyDisplayDec(rec->video.display);
+    QUEUE_ReleasePictureQueue(&pb.decoded);
+    QUEUE_ReleasePictureQueue(&pb.offscreen);
+}
+
+} // namespace
+
+uint32_t Player_StartPlay(uint32_t port, uint64_t window)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
+        return KORVALEN_ERR_PORT;
+    }
+    PortPlayback& pb = rec->playback;
+    if (pb.rendering) {
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] Player_StartPlay fail, Playing now", port);
+        return KORVALEN_OK;
+    }
+    if (rec->sourceKind == SOURCE_MEDIA_FILE) {
+        pb.running = 1;
+    }
+    if (Video_CreateDisplayDec(window, &rec->video.display) != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port [%03d] Video_CreateDisplayDec fail", port);
+        return KORVALEN_ERR_OUTPUT_CREATE;
+    }
+    if (rec->callbacks.drawEx.fn) {
+        rec->video.display->SetDrawCallback(rec->callbacks.drawEx.fn, rec->callbacks.drawEx.user);
+    }
+    uint32_t err = QUEUE_InitDecodedBufferQueue(&pb.decoded, pb.pictureBuffers);
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR,
+                     "Port [%03d] Player_StartPlay fail, QUEUE_InitDecodedBufferQueue fail, error(%d)", port, err);
+        ReleaseRendering(rec);
+        return err;
+    }
+    err = QUEUE_InitOffScreenBufferQueue(&pb.offscreen, pb.pictureBuffers);
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR,
+                     "Port [%03d] Player_StartPlay fail, QUEUE_InitOffScreenBufferQueue fail, error(%d)", port, err);
+        ReleaseRendering(rec);
+        return err;
+    }
+    pb.window = window;
+    pb.videoDecode = 1;
+    pb.rendering = 1;
+    try {
+        pb.renderThread = std::thread(RenderThread, rec);
+    } catch (...) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] KTFW_SDK_thr_create Render failed", port);
+        pb.rendering = 0;
+        pb.videoDecode = 0;
+        ReleaseRendering(rec);
+        return KORVALEN_ERR_THREAD_CREATE;
+    }
+    return KORVALEN_OK;
+}
+
+uint32_t Player_StopPlay(uint32_t port, uint64_t)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
+        return KORVALEN_ERR_PORT;
+    }
+    PortPlayback& pb = rec->playback;
+    if (rec->sourceKind == SOURCE_MEDIA_FILE) {
+        pb.running = 0;
+    }
+    pb.rendering = 0;
+    if (pb.renderThread.joinable()) {
+        pb.renderThread.join();
+    }
+    pb.videoDecode = 0;
+    // The decode side writes into the queues under the data lock.
+    std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
+    ReleaseRendering(rec);
+    return KORVALEN_OK;
+}
+
+uint32_t Player_PausePlay(uint32_t port, uint32_t pause)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    if (rec->sourceKind != SOURCE_MEDIA_FILE && rec->sourceKind != SOURCE_HLS) {
+        return KORVALEN_ERR_NOT_SUPPORTED;
+    }
+    rec->playback.running = pause == 1 ? 0 : 1;
+    return KORVALEN_OK;
+}
+
+uint32_t Player_PauseLive(uint32_t port, uint32_t pause)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    rec->playback.livePaused = pause ? 1 : 0;
+    return KORVALEN_OK;
+}
+
+uint32_t Player_SetPictureFluency(uint32_t port, uint32_t fluency)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    if (fluency >= kMaxFluency) {
+        return KORVALEN_ERR_INVALID_PARAM;
+    }
+    rec->playback.fluency = fluency == 2 ? FLUENCY_OFF : fluency;
+    return KORVALEN_OK;
+}
+
+uint32_t Player_SetOneFrameDecodeMode(uint32_t port)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    rec->playback.oneFrameDecode = 1;
+    return KORVALEN_OK;
+}
