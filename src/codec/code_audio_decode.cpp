@@ -178,12 +178,14 @@ uint32_t DecodeMp2(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
 }
 
 // libavcodec's AAC result -> what the caller sees: frames -> 0; nothing yet
-// (EAGAIN) -> 538; corrupt data (AVERROR_INVALIDDATA, the stream-level
-// failure) -> 540; any other failure -> 528.
+// (EAGAIN) -> 538; the stream data could not be decoded (bad header, bad
+// element, exhausted frame: AVERROR_INVALIDDATA or the plain -1 the AAC
+// decoder gives for a bad ADTS header) -> 540; our own failures (no memory,
+// bad argument) -> 528.
 uint32_t AacFailure(int r)
 {
     KORVALEN_LOG(KORVALEN_LOG_ERROR, "dsp_aac_dec_decode failed(retcode:%d)", r);
-    return r == AVERROR_INVALIDDATA ? KORVALEN_ERR_AAC_DECODE : KORVALEN_ERR_DECODE;
+    return r == AVERROR(ENOMEM) || r == AVERROR(EINVAL) ? KORVALEN_ERR_DECODE : KORVALEN_ERR_AAC_DECODE;
 }
 
 // Appends one decoded AAC frame as interleaved 16-bit samples at *used.
