@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavutil/hwcontext.h>
+#include <libavutil/log.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -58,7 +59,13 @@ void CODE_ProbeGpu()
     }
     for (AVHWDeviceType type : {AV_HWDEVICE_TYPE_VAAPI, AV_HWDEVICE_TYPE_CUDA}) {
         AVBufferRef* dev = nullptr;
-        if (av_hwdevice_ctx_create(&dev, type, nullptr, nullptr, 0) < 0) {
+        // A missing device or driver is the normal answer here, not an error
+        // worth libav's messages on standard error.
+        int level = av_log_get_level();
+        av_log_set_level(AV_LOG_QUIET);
+        int r = av_hwdevice_ctx_create(&dev, type, nullptr, nullptr, 0);
+        av_log_set_level(level);
+        if (r < 0) {
             continue;
         }
         g_h264Able = DecoderHasHw(AV_CODEC_ID_H264, type) ? 1 : 0;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "codec/code_manager.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
 #include "player/player_api.h"
@@ -48,6 +49,7 @@ uint32_t Player_Startup()
     if (err != KORVALEN_OK) {
         return err;
     }
+    CODE_GlobalInit();
     std::lock_guard<std::mutex> lock(g_tableLock);
     for (auto& slot : g_ports) {
         slot.store(nullptr);
@@ -63,6 +65,7 @@ void Player_Cleanup()
         std::lock_guard<std::recursive_mutex> lock(SDK_PortLock(p));
         Player_FreePort(p);
     }
+    CODE_GlobalRelease();
     Report_Fini();
 }
 
