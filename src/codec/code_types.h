@@ -58,7 +58,7 @@ struct CODE_INPUT {
 
 // Filled by CODE_Decoder (and CODE_Encoder for the encoded bytes). Plane and
 // data memory belongs to the codec handle and stays valid until the next
-// call on that handle.
+// call on that handle; video planes until a later call gives a new picture.
 struct CODE_OUTPUT {
     std::mutex lock; // held while a decode writes the record
     uint8_t* planes[3] = {};

@@ -344,6 +344,8 @@ uint32_t CODE_DecodeVideo(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out
     }
     bool drain = (in->flags & CODE_FLAG_DRAIN) != 0;
     uint32_t type = static_cast<uint32_t>(h->codecType);
+    // Held from here: a re-creation frees the picture the record points at.
+    std::unique_lock<std::mutex> lock(out->lock);
     uint32_t w = 0, hgt = 0;
     if (!drain && Probe(type, in->data, in->length, &w, &hgt)) {
         if (h->sizeUnknown || h->width == 0) {
@@ -371,8 +373,6 @@ uint32_t CODE_DecodeVideo(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out
         h->markNext = 0;
         pts = st->inputCount++;
     }
-
-    std::unique_lock<std::mutex> lock(out->lock);
     int r = Decoder(h)->Decode(drain ? nullptr : in->data, drain ? 0 : in->length, pts);
     // libavcodec's result -> what the caller sees:
     //   negative AVERROR (corrupt or unsupported data)  -> 528 for H.264; 1 for

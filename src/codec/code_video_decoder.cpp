@@ -5,6 +5,7 @@
 CVideoDecoder::~CVideoDecoder()
 {
     av_frame_free(&m_frame);
+    av_frame_free(&m_next);
     av_packet_free(&m_pkt);
     avcodec_free_context(&m_ctx);
 }
@@ -18,7 +19,8 @@ int CVideoDecoder::Open(AVCodecID id, int threads, bool lowDelay)
     m_ctx = avcodec_alloc_context3(codec);
     m_pkt = av_packet_alloc();
     m_frame = av_frame_alloc();
-    if (!m_ctx || !m_pkt || !m_frame) {
+    m_next = av_frame_alloc();
+    if (!m_ctx || !m_pkt || !m_frame || !m_next) {
         return AVERROR(ENOMEM);
     }
     if (lowDelay) {
@@ -39,8 +41,12 @@ int CVideoDecoder::Open(AVCodecID id, int threads, bool lowDelay)
 
 int CVideoDecoder::Receive()
 {
-    int r = avcodec_receive_frame(m_ctx, m_frame);
+    // Into a second frame: the shown picture stays valid until a new one
+    // replaces it, also through calls that give nothing to show.
+    int r = avcodec_receive_frame(m_ctx, m_next);
     if (r == 0) {
+        av_frame_unref(m_frame);
+        av_frame_move_ref(m_frame, m_next);
         return 1;
     }
     if (r == AVERROR_EOF) {
@@ -54,7 +60,6 @@ int CVideoDecoder::Receive()
 
 int CVideoDecoder::Decode(const uint8_t* data, uint32_t length, int64_t pts)
 {
-    av_frame_unref(m_frame);
     if (!data) {
         if (!m_draining) {
             int r = avcodec_send_packet(m_ctx, nullptr);

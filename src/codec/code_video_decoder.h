@@ -21,7 +21,7 @@ public:
     // Sends one access unit (data null: drain) and takes at most one picture
     // into Picture(). 1 = picture, 0 = none yet, negative = AVERROR.
     int Decode(const uint8_t* data, uint32_t length, int64_t pts);
-    // The last picture; valid until the next Decode.
+    // The last picture; valid until a later Decode returns a new one.
     AVFrame* Picture() { return m_frame; }
     virtual bool IsGpu() const { return false; }
 
@@ -35,6 +35,7 @@ private:
     AVCodecContext* m_ctx = nullptr;
     AVPacket* m_pkt = nullptr;
     AVFrame* m_frame = nullptr;
+    AVFrame* m_next = nullptr;
     bool m_draining = false;
 };
 
