@@ -51,3 +51,8 @@ fixture bench_1080p.hevc -f lavfi -i testsrc2=size=1920x1080:rate=25 -t 8 -c:v l
   -x265-params log-level=error:keyint=50:open-gop=0 -pix_fmt yuv420p -f hevc
 fixture bench_720p.h264 -f lavfi -i testsrc2=size=1280x720:rate=25 -t 4 -c:v libx264 -preset veryfast -g 50 \
   -bf 0 -pix_fmt yuv420p -f h264
+# Layouts other than 8-bit 4:2:0, which the codec manager converts.
+fixture h264_422.h264 -f lavfi -i testsrc2=size=352x288:rate=25 -t 0.4 -c:v libx264 -preset ultrafast -bf 0 \
+  -pix_fmt yuv422p -f h264
+fixture hevc_10bit.hevc -f lavfi -i testsrc2=size=352x288:rate=25 -t 0.4 -c:v libx265 -preset ultrafast \
+  -x265-params log-level=error:bframes=0 -pix_fmt yuv420p10le -f hevc

@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavutil/avutil.h>
+#include <libswscale/swscale.h>
 }
 
 #include "codec/code_internal.h"
@@ -27,9 +28,10 @@ constexpr uint32_t kFallbackMaxSize = 3840;
 
 // Per-handle decode state kept in the handle's work buffer.
 struct VideoState {
-    int64_t inputCount;   // time stamp given to the next input; ties pictures to marks
-    uint8_t* deinterlace; // line-doubled copy of the shown picture
-    uint32_t deinterlaceSize;
+    int64_t inputCount; // time stamp given to the next input; ties pictures to marks
+    uint8_t* copy;      // I420 copy of the shown picture when it cannot be shown in place
+    SwsContext* sws;    // pictures that are not 8-bit 4:2:0
+    uint32_t copySize;
 };
 static_assert(sizeof(VideoState) <= kGpuWorkSize, "state must fit the smallest work buffer");
 
@@ -168,35 +170,67 @@ uint32_t Recreate(CODE_HANDLE* h, uint32_t width, uint32_t height)
     return KORVALEN_OK;
 }
 
-// Line doubling for interlaced sources: every even line is copied over the
-// following odd one. Works on a copy, since the decoder's picture is also a
-// reference for the pictures that follow.
-bool Deinterlace(VideoState* st, CODE_OUTPUT* out)
+// Makes the per-handle copy large enough for a w x h I420 picture and points
+// the record's planes at it. Grows with some margin and never shrinks.
+bool UseCopy(VideoState* st, uint32_t w, uint32_t hgt, CODE_OUTPUT* out)
 {
-    uint32_t w = out->width, hgt = out->height;
     uint32_t cw = (w + 1) / 2, ch = (hgt + 1) / 2;
     uint32_t need = w * hgt + 2 * cw * ch;
-    if (need > st->deinterlaceSize) {
-        // Grows with some margin and never shrinks.
+    if (need > st->copySize) {
         uint32_t size = need + need / 8;
         auto* buf = static_cast<uint8_t*>(QMX_HeapMalloc(size));
         if (!buf) {
             return false;
         }
-        QMX_HeapFree(st->deinterlace);
-        st->deinterlace = buf;
-        st->deinterlaceSize = size;
+        QMX_HeapFree(st->copy);
+        st->copy = buf;
+        st->copySize = size;
     }
-    uint8_t* dst[3] = {st->deinterlace, st->deinterlace + w * hgt, st->deinterlace + w * hgt + cw * ch};
-    uint32_t widths[3] = {w, cw, cw};
-    uint32_t heights[3] = {hgt, ch, ch};
+    out->planes[0] = st->copy;
+    out->planes[1] = st->copy + w * hgt;
+    out->planes[2] = st->copy + w * hgt + cw * ch;
+    out->pitches[0] = w;
+    out->pitches[1] = cw;
+    out->pitches[2] = cw;
+    return true;
+}
+
+// Pictures in another layout (4:2:2, 4:4:4, 10-bit) become 8-bit 4:2:0 in
+// the copy, as the display and callbacks expect.
+bool ConvertTo420(VideoState* st, const AVFrame* pic, CODE_OUTPUT* out)
+{
+    st->sws = sws_getCachedContext(st->sws, pic->width, pic->height, static_cast<AVPixelFormat>(pic->format),
+                                   pic->width, pic->height, AV_PIX_FMT_YUV420P, SWS_BICUBIC, nullptr, nullptr, nullptr);
+    if (!st->sws || !UseCopy(st, static_cast<uint32_t>(pic->width), static_cast<uint32_t>(pic->height), out)) {
+        return false;
+    }
+    int pitches[4] = {static_cast<int>(out->pitches[0]), static_cast<int>(out->pitches[1]),
+                      static_cast<int>(out->pitches[2]), 0};
+    uint8_t* dst[4] = {out->planes[0], out->planes[1], out->planes[2], nullptr};
+    return sws_scale(st->sws, pic->data, pic->linesize, 0, pic->height, dst, pitches) == pic->height;
+}
+
+// Line doubling for interlaced sources: every even line is copied over the
+// following odd one. Works on the copy, since the decoder's picture is also a
+// reference for the pictures that follow.
+bool Deinterlace(VideoState* st, CODE_OUTPUT* out)
+{
+    uint32_t w = out->width, hgt = out->height;
+    uint32_t widths[3] = {w, (w + 1) / 2, (w + 1) / 2};
+    uint32_t heights[3] = {hgt, (hgt + 1) / 2, (hgt + 1) / 2};
+    bool inPlace = out->planes[0] == st->copy;
+    uint8_t* src[3] = {out->planes[0], out->planes[1], out->planes[2]};
+    uint32_t srcPitch[3] = {out->pitches[0], out->pitches[1], out->pitches[2]};
+    if (!inPlace && !UseCopy(st, w, hgt, out)) {
+        return false;
+    }
     for (int p = 0; p < 3; ++p) {
         for (uint32_t y = 0; y < heights[p]; ++y) {
-            uint32_t src = y & ~1u;
-            std::memcpy(dst[p] + y * widths[p], out->planes[p] + src * out->pitches[p], widths[p]);
+            if (inPlace && (y & 1) == 0) {
+                continue;
+            }
+            std::memcpy(out->planes[p] + y * out->pitches[p], src[p] + (y & ~1u) * srcPitch[p], widths[p]);
         }
-        out->planes[p] = dst[p];
-        out->pitches[p] = widths[p];
     }
     return true;
 }
@@ -330,7 +364,8 @@ void CODE_FreeVideoDecoder(CODE_HANDLE* h)
     DestroyDecoder(Decoder(h));
     h->library = nullptr;
     if (h->workBuf) {
-        QMX_HeapFree(State(h)->deinterlace);
+        QMX_HeapFree(State(h)->copy);
+        sws_freeContext(State(h)->sws);
     }
 }
 
@@ -394,15 +429,16 @@ uint32_t CODE_DecodeVideo(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out
         return KORVALEN_ERR_DECODE_NO_OUTPUT;
     }
     AVFrame* pic = Decoder(h)->Picture();
-    if (pic->format != AV_PIX_FMT_YUV420P && pic->format != AV_PIX_FMT_YUVJ420P) {
+    if (pic->format == AV_PIX_FMT_YUV420P || pic->format == AV_PIX_FMT_YUVJ420P) {
+        // Pointers into the decoder's picture: no copy.
+        for (int p = 0; p < 3; ++p) {
+            out->planes[p] = pic->data[p];
+            out->pitches[p] = static_cast<uint32_t>(pic->linesize[p]);
+        }
+    } else if (!ConvertTo420(st, pic, out)) {
         lock.unlock();
         h->outIndex = (h->outIndex + 1) % CODE_MARK_RING;
-        return DecodeFailure(h, AVERROR_PATCHWELCOME);
-    }
-    // Pointers into the decoder's picture: no copy, valid until the next decode.
-    for (int p = 0; p < 3; ++p) {
-        out->planes[p] = pic->data[p];
-        out->pitches[p] = static_cast<uint32_t>(pic->linesize[p]);
+        return DecodeFailure(h, AVERROR(ENOMEM));
     }
     out->width = static_cast<uint32_t>(pic->width);
     out->height = static_cast<uint32_t>(pic->height);

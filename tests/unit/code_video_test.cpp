@@ -122,6 +122,40 @@ INSTANTIATE_TEST_SUITE_P(Files, VideoDecode,
                              return n.substr(0, n.find('.'));
                          });
 
+// Pictures in 4:2:2 or with 10 bits come out as 8-bit 4:2:0, converted as
+// ffmpeg converts them.
+TEST(VideoDecodeFormats, OtherLayoutsBecome420)
+{
+    for (auto [file, type] :
+         {std::pair{"h264_422.h264", KORVALEN_CODEC_H264}, std::pair{"hevc_10bit.hevc", KORVALEN_CODEC_H265}}) {
+        std::string path = FixturePath(file);
+        REQUIRE_FIXTURE(path);
+        auto packets = ReadPackets(path);
+        auto ref = FfmpegFrameMd5(path, "", "-pix_fmt yuv420p");
+        ASSERT_EQ(ref.size(), packets.size());
+        for (uint32_t deinterlace : {0u, 1u}) {
+            CODE_HANDLE h{};
+            ASSERT_EQ(CreateVideo(h, type, packets[0], 1), KORVALEN_OK);
+            CODE_OUTPUT out;
+            for (size_t i = 0; i < packets.size(); ++i) {
+                CODE_INPUT in{};
+                in.data = packets[i].data();
+                in.length = static_cast<uint32_t>(packets[i].size());
+                in.deinterlace = deinterlace;
+                ASSERT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK) << file;
+                EXPECT_EQ(out.pitches[1], 176u);
+                if (deinterlace) {
+                    EXPECT_EQ(std::memcmp(out.planes[1] + 4 * out.pitches[1], out.planes[1] + 5 * out.pitches[1], 176),
+                              0);
+                } else {
+                    EXPECT_EQ(PictureMd5(out), ref[i]) << file << " picture " << i;
+                }
+            }
+            CODE_FreeCode(&h);
+        }
+    }
+}
+
 // Low delay: a picture for every frame from the first one on, even where the
 // size would otherwise bring frame threads (which hold pictures back).
 TEST(VideoDecodeLowDelay, FirstPictureAfterFirstFrame)

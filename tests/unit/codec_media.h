@@ -73,10 +73,12 @@ inline Bytes RunCommand(const std::string& cmd)
 }
 
 // Per-frame MD5s of ffmpeg's decode ("-f framemd5"), in output order;
-// inputArgs are decoder options.
-inline std::vector<std::string> FfmpegFrameMd5(const std::string& path, const std::string& inputArgs = "")
+// inputArgs are decoder options, outputArgs conversions of the pictures.
+inline std::vector<std::string> FfmpegFrameMd5(const std::string& path, const std::string& inputArgs = "",
+                                               const std::string& outputArgs = "")
 {
-    Bytes text = RunCommand("ffmpeg -hide_banner -loglevel quiet " + inputArgs + " -i '" + path + "' -f framemd5 -");
+    Bytes text = RunCommand("ffmpeg -hide_banner -loglevel quiet " + inputArgs + " -i '" + path + "' " + outputArgs +
+                            " -f framemd5 -");
     std::vector<std::string> md5s;
     std::string line;
     for (uint8_t c : text) {
