@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -74,6 +75,11 @@ struct Stream {
     uint32_t width;
     uint32_t height;
 };
+
+void PrintTo(const Stream& s, std::ostream* os)
+{
+    *os << s.file;
+}
 
 class VideoDecode : public ::testing::TestWithParam<Stream> {};
 
