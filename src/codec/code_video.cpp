@@ -94,10 +94,11 @@ uint32_t CreateH264(CODE_HANDLE* h, CVideoDecoder** out)
 }
 
 // Creates the H.265 software decoder for pictures up to maxW x maxH; 0 or the
-// negative AVERROR.
+// negative AVERROR. Threads follow the picture size when it is known.
 int CreateH265(CODE_HANDLE* h, uint32_t maxW, uint32_t maxH, CVideoDecoder** out)
 {
-    int threads = h->lowDelay ? 1 : CODE_ThreadCount(maxW, maxH);
+    int threads = h->width ? CODE_ThreadCount(h->width, h->height) : CODE_ThreadCount(maxW, maxH);
+    threads = h->lowDelay ? 1 : threads;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "H265D_Create iMaxWidth:%d, iMaxHeight:%d", static_cast<int>(maxW),
                  static_cast<int>(maxH));
     int err = 0;
@@ -344,6 +345,10 @@ uint32_t CODE_RecreateVideoDecoder(CODE_HANDLE* h, uint32_t maxWidth, uint32_t m
 {
     CVideoDecoder* fresh = nullptr;
     h->lowDelay = lowDelay == 1 ? 1 : 0;
+    // The next parameter set tells the real size without another re-creation.
+    h->width = 0;
+    h->height = 0;
+    h->sizeUnknown = 1;
     int err = CreateH265(h, maxWidth, maxHeight, &fresh);
     if (err < 0) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Call H265D_Create fail, error(%d)", err);
@@ -351,10 +356,6 @@ uint32_t CODE_RecreateVideoDecoder(CODE_HANDLE* h, uint32_t maxWidth, uint32_t m
     }
     DestroyDecoder(Decoder(h));
     h->library = fresh;
-    // The next parameter set tells the real size without another re-creation.
-    h->width = 0;
-    h->height = 0;
-    h->sizeUnknown = 1;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "CODE_ReCreateDecoder succeed");
     return KORVALEN_OK;
 }
