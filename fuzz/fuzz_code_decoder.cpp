@@ -1,5 +1,5 @@
-// Fuzzes CODE_Decoder on the video codecs. Input: one byte choosing the codec
-// (H.264, H.265, MJPEG by value mod 3), one byte of options (bit 0 low delay,
+// Fuzzes CODE_Decoder on every codec that reads outside data. Input: one byte
+// choosing the codec (H.264, H.265, MJPEG, AAC, MP2, G.711 by value mod 6), one byte of options (bit 0 low delay,
 // bit 1 line doubling, bit 2 mark the second frame), then frames, each as a
 // 16-bit big-endian length and its bytes. The first frame also goes to
 // CODE_CreateCode for the size probe; the decoder is drained at the end.
@@ -14,8 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 2) {
         return 0;
     }
-    static const uint32_t kTypes[3] = {KORVALEN_CODEC_H264, KORVALEN_CODEC_H265, KORVALEN_CODEC_MJPEG};
-    uint32_t type = kTypes[data[0] % 3];
+    static const uint32_t kTypes[6] = {KORVALEN_CODEC_H264, KORVALEN_CODEC_H265, KORVALEN_CODEC_MJPEG,
+                                       KORVALEN_CODEC_AAC,  KORVALEN_CODEC_MP2,  KORVALEN_CODEC_G711U};
+    uint32_t type = kTypes[data[0] % 6];
+    bool video = type == KORVALEN_CODEC_H264 || type == KORVALEN_CODEC_H265 || type == KORVALEN_CODEC_MJPEG;
     uint8_t options = data[1];
     data += 2;
     size -= 2;
@@ -58,7 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         in.length = length;
         in.deinterlace = (options >> 1) & 1;
         handle.markNext = (options & 4) && index == 1;
-        if (CODE_Decoder(&handle, &in, &out) == KORVALEN_OK) {
+        uint32_t r = CODE_Decoder(&handle, &in, &out);
+        if (r == KORVALEN_OK && !video) {
+            volatile uint8_t sink = out.length ? out.data[out.length - 1] : 0;
+            (void)sink;
+        } else if (r == KORVALEN_OK) {
             // Touch the picture's corners: the planes must be readable.
             volatile uint8_t sink = out.planes[0][0];
             sink = out.planes[0][(out.height - 1) * out.pitches[0] + out.width - 1];
@@ -67,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         ++index;
     } while (index < 64 && nextFrame(&frame, &length));
-    if (type != KORVALEN_CODEC_MJPEG) {
+    if (type == KORVALEN_CODEC_H264 || type == KORVALEN_CODEC_H265) {
         for (int i = 0; i < 16; ++i) {
             CODE_INPUT in{};
             in.flags = CODE_FLAG_DRAIN;
