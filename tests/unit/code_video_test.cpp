@@ -1,8 +1,10 @@
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <ostream>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -31,10 +33,11 @@ void TakePicture(DecodeRun& run, const CODE_OUTPUT& out)
 // Decodes every packet, then drains. markAt: input index whose frame is
 // marked (-1 none).
 DecodeRun DecodeAll(CODE_HANDLE& h, const std::vector<Bytes>& packets, int markAt = -1,
-                    const std::vector<Bytes>* replace = nullptr)
+                    const std::vector<Bytes>* replace = nullptr, CODE_OUTPUT* shared = nullptr)
 {
     DecodeRun run;
-    CODE_OUTPUT out;
+    CODE_OUTPUT own;
+    CODE_OUTPUT& out = shared ? *shared : own;
     for (size_t i = 0; i < packets.size(); ++i) {
         const Bytes& pkt = replace ? (*replace)[i] : packets[i];
         CODE_INPUT in{};
@@ -185,6 +188,38 @@ TEST(VideoDecodeLowDelay, FirstPictureAfterFirstFrame)
                 EXPECT_EQ(run.results[0], KORVALEN_ERR_DECODE_NO_OUTPUT) << file << ": threads hold the first picture";
             }
         }
+    }
+}
+
+// A display thread reading the record under its lock always sees a whole
+// picture of the stream, while frame threads decode and pictures are swapped.
+TEST(VideoDecodeOutput, ReaderUnderLockSeesWholePictures)
+{
+    std::string path = FixturePath("h264_1280x720_b.h264");
+    REQUIRE_FIXTURE(path);
+    auto packets = ReadPackets(path);
+    auto ref = FfmpegFrameMd5(path);
+    CODE_HANDLE h{};
+    ASSERT_EQ(CreateVideo(h, KORVALEN_CODEC_H264, packets[0], 0), KORVALEN_OK);
+    CODE_OUTPUT out;
+    std::atomic<bool> done{false};
+    std::vector<std::string> seen;
+    std::thread display([&] {
+        while (!done) {
+            std::lock_guard<std::mutex> lock(out.lock);
+            if (out.planes[0]) {
+                seen.push_back(PictureMd5(out));
+            }
+        }
+    });
+    DecodeRun run = DecodeAll(h, packets, -1, nullptr, &out);
+    done = true;
+    display.join();
+    CODE_FreeCode(&h);
+    EXPECT_EQ(run.shown, ref);
+    ASSERT_FALSE(seen.empty());
+    for (const auto& m : seen) {
+        ASSERT_NE(std::find(ref.begin(), ref.end(), m), ref.end()) << "a torn or stale picture";
     }
 }
 
