@@ -306,9 +306,6 @@ uint32_t CODE_CreateAudioDecoder(CODE_HANDLE* h, uint32_t type)
 
 uint32_t CODE_DecodeAudio(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
 {
-    if (!in || !out || !in->data) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
     switch (h->codecType) {
     case KORVALEN_CODEC_G711U:
     case KORVALEN_CODEC_G711A:

@@ -341,9 +341,6 @@ uint32_t CODE_CreateAudioEncoder(CODE_HANDLE* h, uint32_t type, const CODE_PARAM
 
 uint32_t CODE_EncodeAudio(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
 {
-    if (!in->data) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
     switch (h->codecType) {
     case KORVALEN_CODEC_G711U:
     case KORVALEN_CODEC_G711A:

@@ -158,6 +158,7 @@ uint32_t CODE_DecodeJpeg(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (!in || !in->data) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Decoder fail, Param is null");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     JpegCodec* j = Jpeg(h);

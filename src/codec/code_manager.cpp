@@ -60,6 +60,7 @@ void CODE_GlobalRelease()
 uint32_t CODE_CreateCode(uint32_t direction, uint32_t codecType, const CODE_PARAM* param, CODE_HANDLE* handle)
 {
     if (!handle) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_CreateCode fail, Param is null");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     // The caller asks for GPU decoding through the handle, before it is cleared.
@@ -91,6 +92,7 @@ uint32_t CODE_CreateCode(uint32_t direction, uint32_t codecType, const CODE_PARA
 uint32_t CODE_Decoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT* output)
 {
     if (!handle) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Decoder fail, Param is null");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (handle->direction != CODE_DIR_DECODER) {
@@ -98,9 +100,16 @@ uint32_t CODE_Decoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT*
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (handle->codecType < 0) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Decoder fail, codec not created");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     auto type = static_cast<uint32_t>(handle->codecType);
+    // JPEG names its missing record itself.
+    bool drain = input && (input->flags & CODE_FLAG_DRAIN);
+    if (type != KORVALEN_CODEC_MJPEG && (!input || !output || (!input->data && !drain))) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Decoder fail, Param is null");
+        return KORVALEN_ERR_INVALID_PARAM;
+    }
     if (IsVideo(type)) {
         return CODE_DecodeVideo(handle, input, output);
     }
@@ -113,6 +122,7 @@ uint32_t CODE_Decoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT*
 uint32_t CODE_Encoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT* output)
 {
     if (!handle) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Encoder fail, Param is null");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (handle->direction != CODE_DIR_ENCODER) {
@@ -124,9 +134,14 @@ uint32_t CODE_Encoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT*
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (handle->codecType < 0) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Encoder fail, codec not created");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     auto type = static_cast<uint32_t>(handle->codecType);
+    if (type != KORVALEN_CODEC_MJPEG && !input->data) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Encoder fail, Param is null");
+        return KORVALEN_ERR_INVALID_PARAM;
+    }
     if (type == KORVALEN_CODEC_MJPEG) {
         return CODE_EncodeJpeg(handle, input, output);
     }
@@ -136,6 +151,7 @@ uint32_t CODE_Encoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT*
 uint32_t CODE_FreeCode(CODE_HANDLE* handle)
 {
     if (!handle) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_FreeCode fail, Param is null");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (handle->codecType >= 0) {
@@ -165,6 +181,7 @@ uint32_t CODE_ReCreateDecoder(uint32_t maxSize, uint32_t lowDelay, CODE_HANDLE* 
 {
     if (!handle || handle->direction != CODE_DIR_DECODER ||
         handle->codecType != static_cast<int32_t>(KORVALEN_CODEC_H265) || handle->h265Gpu == 1 || maxSize == 0) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_ReCreateDecoder fail, not a software H.265 decoder or size 0");
         return KORVALEN_ERR_INVALID_PARAM;
     }
     return CODE_RecreateVideoDecoder(handle, maxSize, maxSize, lowDelay);

@@ -372,9 +372,6 @@ void CODE_FreeVideoDecoder(CODE_HANDLE* h)
 
 uint32_t CODE_DecodeVideo(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
 {
-    if (!in || !out || (!in->data && !(in->flags & CODE_FLAG_DRAIN))) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
     if (Decoder(h)->IsGpu()) {
         return DecodeGpu(h, in, out);
     }
