@@ -143,6 +143,9 @@ uint32_t DecodeMp2(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
         d->pending = 0; // the block handed out last time is done with
         d->emitted = false;
     }
+    // libavcodec's result -> what the caller sees: any decode failure -> 1
+    // ("decode mp2 failed"); frames are gathered, and until 1280 bytes are
+    // there the call answers 538, then 0 with the block.
     d->pkt->data = const_cast<uint8_t*>(in->data);
     d->pkt->size = static_cast<int>(in->length);
     if (avcodec_send_packet(d->ctx, d->pkt) < 0) {

@@ -166,6 +166,9 @@ uint32_t CODE_DecodeJpeg(CODE_HANDLE* h, const CODE_INPUT* in, CODE_OUTPUT* out)
     av_frame_unref(j->frame);
     j->pkt->data = const_cast<uint8_t*>(in->data);
     j->pkt->size = static_cast<int>(in->length);
+    // libavcodec's result -> what the caller sees: a picture -> 0; none
+    // (EAGAIN, not expected from an intra-only decoder) -> 538; any failure
+    // to parse or decode the JPEG -> 528.
     int r = avcodec_send_packet(j->ctx, j->pkt);
     if (r >= 0) {
         r = avcodec_receive_frame(j->ctx, j->frame);
