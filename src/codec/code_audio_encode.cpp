@@ -39,8 +39,6 @@ struct AudioEncoder {
     AVPacket* pkt = nullptr;
     AVFrame* frame = nullptr;
     SwrContext* swr = nullptr;
-    bool resamplerReady = false; // each stage is set up once per handle
-    bool encoderReady = false;
     uint8_t* area = nullptr;    // MP2: kMp2AreaSize bytes
     uint8_t* limited = nullptr; // MP2: input copy the limiter works on
     uint8_t* resampled = nullptr;
@@ -138,19 +136,39 @@ uint32_t CreateAac(CODE_HANDLE* h, const CODE_PARAM* param)
     return KORVALEN_OK;
 }
 
+// Resampler from the capture format to 44.1 kHz mono: a short polyphase
+// filter with the cut-off below Nyquist.
+int OpenMp2Resampler(AudioEncoder* e, int inRate, int inChannels)
+{
+    if (inRate <= 0 || inChannels <= 0 || inChannels > 8) {
+        return AVERROR(EINVAL);
+    }
+    AVChannelLayout inLayout, outLayout = AV_CHANNEL_LAYOUT_MONO;
+    av_channel_layout_default(&inLayout, inChannels);
+    int r = swr_alloc_set_opts2(&e->swr, &outLayout, AV_SAMPLE_FMT_S16, kMp2Rate, &inLayout, AV_SAMPLE_FMT_S16, inRate,
+                                0, nullptr);
+    if (r >= 0) {
+        av_opt_set_int(e->swr, "filter_size", 10, 0);
+        av_opt_set_double(e->swr, "cutoff", 0.8, 0);
+        r = swr_init(e->swr);
+    }
+    e->inChannels = static_cast<uint32_t>(inChannels);
+    return r;
+}
+
 uint32_t CreateMp2(CODE_HANDLE* h, const CODE_PARAM* param)
 {
     auto* e = QMX_New<AudioEncoder>();
-    h->workBuf = static_cast<uint8_t*>(QMX_HeapMalloc(kMp2StateSize));
-    uint8_t* area = static_cast<uint8_t*>(QMX_HeapMalloc(kMp2AreaSize));
-    if (!e || !h->workBuf || !area) {
-        FreeEncoder(e);
-        QMX_HeapFree(area);
-        QMX_HeapFree(h->workBuf);
-        h->workBuf = nullptr;
+    uint8_t* state = static_cast<uint8_t*>(QMX_HeapMalloc(kMp2StateSize));
+    uint8_t* area = e && state ? static_cast<uint8_t*>(QMX_HeapMalloc(kMp2AreaSize)) : nullptr;
+    auto fail = [&] {
+        FreeEncoder(e); // frees the area once it is attached
+        QMX_HeapFree(state);
         return CODE_ERR_FAIL;
+    };
+    if (!area) {
+        return fail();
     }
-    h->workSize = kMp2StateSize;
     // Four 40000-byte buffers, 6000, 40000, 6000; the tail is the encoder's
     // state, which libavcodec keeps itself.
     e->area = area;
@@ -159,43 +177,19 @@ uint32_t CreateMp2(CODE_HANDLE* h, const CODE_PARAM* param)
     e->pendingBuf = area + 2 * kMp2BigBuf;
     e->frameOut = area + 4 * kMp2BigBuf;
 
-    int inRate = param ? static_cast<int>(param->sampleRate) : 0;
-    int inChannels = param ? static_cast<int>(param->channels) : 0;
-    if (!e->resamplerReady) {
-        AVChannelLayout inLayout, outLayout = AV_CHANNEL_LAYOUT_MONO;
-        av_channel_layout_default(&inLayout, inChannels > 0 ? inChannels : 1);
-        int r = inRate > 0 && inChannels > 0 && inChannels <= 8
-                    ? swr_alloc_set_opts2(&e->swr, &outLayout, AV_SAMPLE_FMT_S16, kMp2Rate, &inLayout,
-                                          AV_SAMPLE_FMT_S16, inRate, 0, nullptr)
-                    : AVERROR(EINVAL);
-        if (r >= 0) {
-            // A short polyphase filter with the cut-off below Nyquist.
-            av_opt_set_int(e->swr, "filter_size", 10, 0);
-            av_opt_set_double(e->swr, "cutoff", 0.8, 0);
-            r = swr_init(e->swr);
-        }
-        if (r < 0) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "resample init failed, error code is %lu", static_cast<unsigned long>(-r));
-            FreeEncoder(e);
-            QMX_HeapFree(h->workBuf);
-            h->workBuf = nullptr;
-            return CODE_ERR_FAIL;
-        }
-        e->resamplerReady = true;
-        e->inChannels = static_cast<uint32_t>(inChannels);
+    int r = OpenMp2Resampler(e, param ? static_cast<int>(param->sampleRate) : 0,
+                             param ? static_cast<int>(param->channels) : 0);
+    if (r < 0) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "resample init failed, error code is %lu", static_cast<unsigned long>(-r));
+        return fail();
     }
-    if (!e->encoderReady) {
-        int r = OpenEncoder(e, AV_CODEC_ID_MP2, AV_SAMPLE_FMT_S16, kMp2Rate, kMp2BitRate);
-        if (r < 0) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "mp2 encode init failed, error code is %lu",
-                         static_cast<unsigned long>(-r));
-            FreeEncoder(e);
-            QMX_HeapFree(h->workBuf);
-            h->workBuf = nullptr;
-            return CODE_ERR_FAIL;
-        }
-        e->encoderReady = true;
+    r = OpenEncoder(e, AV_CODEC_ID_MP2, AV_SAMPLE_FMT_S16, kMp2Rate, kMp2BitRate);
+    if (r < 0) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "mp2 encode init failed, error code is %lu", static_cast<unsigned long>(-r));
+        return fail();
     }
+    h->workBuf = state;
+    h->workSize = kMp2StateSize;
     h->library = e;
     return KORVALEN_OK;
 }
