@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "codec/code_internal.h"
 #include "codec/code_manager.h"
 #include "codec_media.h"
 #include "korvalen_types.h"
@@ -470,11 +471,7 @@ TEST(VideoDecodeCreate, FailuresFreeEverything)
     EXPECT_TRUE(log.Has("CODE_CreateCode warm, H.265 Gpu decoder need hWnd"));
 
     // GPU with a window on a machine the probe found no device on: 527.
-    uint8_t state[32];
-    ASSERT_EQ(CODE_CatchHwDecEx(1, state), KORVALEN_OK);
-    uint32_t able[2];
-    std::memcpy(able, state, sizeof able);
-    if (able[0] == 0) {
+    if (!CODE_GpuDevice()) {
         h = {};
         h.h264Gpu = 1;
         CODE_PARAM p{};
@@ -502,8 +499,6 @@ TEST(GpuCapability, StateAndNullArgument)
     std::memset(state, 0xAB, sizeof state);
     ASSERT_EQ(CODE_CatchHwDecEx(0, state), KORVALEN_OK);
     EXPECT_EQ(std::vector<uint8_t>(state, state + 32), std::vector<uint8_t>(32, 0));
-    ASSERT_EQ(CODE_CatchHwDecEx(1, state), KORVALEN_OK);
-    EXPECT_EQ(std::vector<uint8_t>(state, state + 32), std::vector<uint8_t>(32, 0)) << "flags were cleared";
 
     CODE_OUTPUT out;
     EXPECT_EQ(CODE_GetYuvData(nullptr, &out), KORVALEN_ERR_INVALID_PARAM);
