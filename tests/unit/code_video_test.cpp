@@ -500,6 +500,18 @@ TEST(GpuCapability, StateAndNullArgument)
     ASSERT_EQ(CODE_CatchHwDecEx(0, state), KORVALEN_OK);
     EXPECT_EQ(std::vector<uint8_t>(state, state + 32), std::vector<uint8_t>(32, 0));
 
+    // The start-up probe: the capability state says what the probe logged.
+    ASSERT_EQ(CODE_GlobalInit(), KORVALEN_OK);
+    ASSERT_EQ(CODE_CatchHwDecEx(1, state), KORVALEN_OK);
+    uint32_t able[2];
+    std::memcpy(able, state, sizeof able);
+    bool found = log.Has("This computer support gpu");
+    EXPECT_NE(found, log.Has("This computer not support gpu"));
+    EXPECT_EQ(found, able[0] || able[1]);
+    EXPECT_EQ(found, CODE_GpuDevice() != nullptr);
+    CODE_GlobalRelease();
+    EXPECT_EQ(CODE_GpuDevice(), nullptr);
+
     CODE_OUTPUT out;
     EXPECT_EQ(CODE_GetYuvData(nullptr, &out), KORVALEN_ERR_INVALID_PARAM);
     EXPECT_TRUE(log.Has("CODE_GetYuvData fail, input extra data param is null"));
