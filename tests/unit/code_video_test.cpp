@@ -17,6 +17,23 @@
 #include "platform/qmx_heap.h"
 #include "test_env.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define KORVALEN_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KORVALEN_TSAN 1
+#endif
+#endif
+#ifdef KORVALEN_TSAN
+// libavutil is not instrumented: its reference counts are atomics the race
+// detector cannot see, so a picture freed on another thread than the
+// decoder thread that made it looks like a race.
+extern "C" const char* __tsan_default_suppressions()
+{
+    return "race:av_buffer_unref\n";
+}
+#endif
+
 namespace {
 
 struct DecodeRun {
