@@ -5,6 +5,7 @@
 
 #include "audio/audio_device.h"
 #include "audio/audio_port.h"
+#include "codec/code_manager.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
 #include "player/player_api.h"
@@ -50,6 +51,7 @@ uint32_t Player_Startup()
     if (err != KORVALEN_OK) {
         return err;
     }
+    CODE_GlobalInit();
     {
         std::lock_guard<std::mutex> lock(g_tableLock);
         for (auto& slot : g_ports) {
@@ -71,6 +73,7 @@ void Player_Cleanup()
         Player_FreePort(p);
     }
     Audio_Fini();
+    CODE_GlobalRelease();
     Report_Fini();
 }
 

@@ -1,0 +1,442 @@
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "codec/code_manager.h"
+#include "codec/g711.h"
+#include "codec_media.h"
+#include "korvalen_types.h"
+#include "log_capture.h"
+#include "platform/qmx_heap.h"
+#include "test_env.h"
+
+namespace {
+
+std::vector<int16_t> ToSamples(const Bytes& b)
+{
+    std::vector<int16_t> s(b.size() / 2);
+    std::memcpy(s.data(), b.data(), s.size() * 2);
+    return s;
+}
+
+std::vector<int16_t> Tone(uint32_t rate, double freq, double amplitude, size_t count)
+{
+    std::vector<int16_t> s(count);
+    for (size_t i = 0; i < count; ++i) {
+        s[i] = static_cast<int16_t>(std::lround(amplitude * std::sin(2 * M_PI * freq * static_cast<double>(i) / rate)));
+    }
+    return s;
+}
+
+// Decodes every packet; PCM of the calls that gave 0, their formats checked.
+std::vector<int16_t> DecodeAudio(uint32_t type, const std::vector<Bytes>& packets, uint32_t rate, uint32_t channels)
+{
+    CODE_HANDLE h{};
+    EXPECT_EQ(CODE_CreateCode(CODE_DIR_DECODER, type, nullptr, &h), KORVALEN_OK);
+    std::vector<int16_t> pcm;
+    CODE_OUTPUT out;
+    for (const Bytes& p : packets) {
+        CODE_INPUT in{};
+        in.data = p.data();
+        in.length = static_cast<uint32_t>(p.size());
+        uint32_t r = CODE_Decoder(&h, &in, &out);
+        if (r == KORVALEN_ERR_DECODE_NO_OUTPUT) {
+            continue;
+        }
+        EXPECT_EQ(r, KORVALEN_OK);
+        if (r != KORVALEN_OK) {
+            break;
+        }
+        EXPECT_EQ(out.sampleRate, rate);
+        EXPECT_EQ(out.channels, channels);
+        EXPECT_EQ(out.sampleSize, 16u);
+        const auto* s = reinterpret_cast<const int16_t*>(out.data);
+        pcm.insert(pcm.end(), s, s + out.length / 2);
+    }
+    CODE_FreeCode(&h);
+    return pcm;
+}
+
+// Signal-to-noise ratio of b against a, in dB.
+double Snr(const std::vector<int16_t>& a, const std::vector<int16_t>& b)
+{
+    double sig = 0, noise = 0;
+    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+        sig += static_cast<double>(a[i]) * a[i];
+        double d = static_cast<double>(a[i]) - b[i];
+        noise += d * d;
+    }
+    return 10 * std::log10(sig / std::max(noise, 1.0));
+}
+
+double Db(double ratio)
+{
+    return 20 * std::log10(ratio);
+}
+
+} // namespace
+
+// Our coder against ffmpeg's pcm_mulaw / pcm_alaw on a chirp with noise that
+// reaches every segment: decoding is identical, and encoding picks the same
+// code except where ffmpeg's table rounds to the other neighbour at a segment
+// edge, which is never more than one step.
+TEST(G711, MatchesFfmpegTables)
+{
+    std::string src = FixturePath("g711_src.s16");
+    REQUIRE_FIXTURE(src);
+    auto pcm = ToSamples(RunCommand("cat '" + src + "'"));
+    ASSERT_EQ(pcm.size(), 8000u);
+    for (auto [law, ext, fmt] :
+         {std::tuple{G711Law::MuLaw, "ulaw", "mulaw"}, std::tuple{G711Law::ALaw, "alaw", "alaw"}}) {
+        std::string coded = FixturePath(std::string("g711_src.") + ext);
+        REQUIRE_FIXTURE(coded);
+        Bytes ffCodes = RunCommand("cat '" + coded + "'");
+        ASSERT_EQ(ffCodes.size(), pcm.size());
+
+        // Every code decodes as ffmpeg decodes it.
+        Bytes all(256);
+        for (int i = 0; i < 256; ++i) {
+            all[static_cast<size_t>(i)] = static_cast<uint8_t>(i);
+        }
+        std::string allPath = TestHome() + "/all." + ext;
+        FILE* f = fopen(allPath.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        fwrite(all.data(), 1, all.size(), f);
+        fclose(f);
+        auto ffDecoded = ToSamples(
+            RunCommand(std::string("ffmpeg -v quiet -f ") + fmt + " -ar 8000 -ac 1 -i '" + allPath + "' -f s16le -"));
+        ASSERT_EQ(ffDecoded.size(), 256u);
+        std::vector<int16_t> ours(256);
+        G711_DecodeBlock(law, all.data(), 256, ours.data());
+        EXPECT_EQ(ours, ffDecoded) << ext;
+
+        // Each code's own value encodes back to it.
+        for (int c = 0; c < 256; ++c) {
+            uint8_t back = G711_Encode(law, ours[static_cast<size_t>(c)]);
+            EXPECT_EQ(G711_Decode(law, back), ours[static_cast<size_t>(c)]) << ext << " code " << c;
+        }
+
+        Bytes ourCodes(pcm.size());
+        G711_EncodeBlock(law, pcm.data(), static_cast<uint32_t>(pcm.size()), ourCodes.data());
+        size_t differ = 0;
+        for (size_t i = 0; i < pcm.size(); ++i) {
+            if (ourCodes[i] == ffCodes[i]) {
+                continue;
+            }
+            ++differ;
+            int a = G711_Decode(law, ourCodes[i]), b = G711_Decode(law, ffCodes[i]);
+            int errOurs = std::abs(a - pcm[i]), errFf = std::abs(b - pcm[i]);
+            // Neighbouring levels, and ours is never the worse by more than
+            // the half-step difference of the two segment sizes.
+            EXPECT_LE(std::abs(a - b), 2 * std::max(std::abs(a), std::abs(b)) / 16 + 16) << ext << " sample " << i;
+            EXPECT_LE(errOurs, errFf + std::abs(a - b) / 2 + 8) << ext << " sample " << i;
+        }
+        EXPECT_LT(differ, pcm.size() / 50) << ext;
+    }
+}
+
+// G.711 through the codec manager: ffmpeg's codes decode as ffmpeg decodes
+// them; a frame beyond 1500 bytes is refused before the coder runs.
+TEST(AudioDecode, G711BothLaws)
+{
+    for (auto [type, ext, fmt] :
+         {std::tuple{KORVALEN_CODEC_G711U, "ulaw", "mulaw"}, std::tuple{KORVALEN_CODEC_G711A, "alaw", "alaw"}}) {
+        std::string coded = FixturePath(std::string("g711_src.") + ext);
+        REQUIRE_FIXTURE(coded);
+        Bytes codes = RunCommand("cat '" + coded + "'");
+        auto ref =
+            RunCommand(std::string("ffmpeg -v quiet -f ") + fmt + " -ar 8000 -ac 1 -i '" + coded + "' -f s16le -");
+        std::vector<Bytes> frames;
+        for (size_t i = 0; i < codes.size(); i += 320) {
+            frames.emplace_back(codes.begin() + static_cast<long>(i),
+                                codes.begin() + static_cast<long>(std::min(codes.size(), i + 320)));
+        }
+        auto pcm = DecodeAudio(type, frames, 8000, 1);
+        EXPECT_EQ(pcm, ToSamples(ref)) << ext;
+
+        CODE_HANDLE h{};
+        ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, type, nullptr, &h), KORVALEN_OK);
+        LogCapture log;
+        Bytes big(1501, 0x55);
+        CODE_INPUT in{};
+        in.data = big.data();
+        in.length = 1501;
+        CODE_OUTPUT out;
+        EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_DECODE);
+        EXPECT_TRUE(log.Has("G711Decoder failed size(1501) out of max"));
+        EXPECT_EQ(out.data, nullptr);
+        in.length = 1500;
+        EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
+        EXPECT_EQ(out.length, 3000u);
+        CODE_FreeCode(&h);
+    }
+}
+
+// AAC at every rate a camera sends: the PCM is ffmpeg's decode, converted to
+// 16 bits the same way.
+TEST(AudioDecode, AacMatchesFfmpeg)
+{
+    for (uint32_t rate : {8000u, 16000u, 44100u, 48000u}) {
+        std::string path = FixturePath("aac_" + std::to_string(rate) + ".aac");
+        REQUIRE_FIXTURE(path);
+        auto packets = ReadPackets(path);
+        ASSERT_GT(packets.size(), 5u);
+        auto ref = ToSamples(RunCommand("ffmpeg -v quiet -i '" + path + "' -f s16le -"));
+        auto pcm = DecodeAudio(KORVALEN_CODEC_AAC, packets, rate, 1);
+        ASSERT_EQ(pcm.size(), ref.size()) << rate;
+        EXPECT_EQ(pcm, ref) << rate;
+    }
+}
+
+// Broken AAC frames: 540 for damaged stream data, and the decoder goes on.
+TEST(AudioDecode, AacDamagedFrames)
+{
+    std::string path = FixturePath("aac_16000.aac");
+    REQUIRE_FIXTURE(path);
+    auto packets = ReadPackets(path);
+    CODE_HANDLE h{};
+    ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_AAC, nullptr, &h), KORVALEN_OK);
+    LogCapture log;
+    CODE_OUTPUT out;
+    Bytes junk(200, 0xFF);
+    for (size_t i = 7; i < junk.size(); ++i) {
+        junk[i] = static_cast<uint8_t>(i * 37);
+    }
+    CODE_INPUT in{};
+    in.data = junk.data();
+    in.length = static_cast<uint32_t>(junk.size());
+    EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_AAC_DECODE);
+    EXPECT_TRUE(log.Has("dsp_aac_dec_decode failed(retcode:"));
+    Bytes cut(packets[3].begin(), packets[3].begin() + 5);
+    in.data = cut.data();
+    in.length = static_cast<uint32_t>(cut.size());
+    EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_AAC_DECODE);
+    in.data = packets[4].data();
+    in.length = static_cast<uint32_t>(packets[4].size());
+    EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
+    EXPECT_EQ(out.sampleRate, 16000u);
+    CODE_FreeCode(&h);
+}
+
+// MP2 comes out as 8 kHz mono in blocks of at least 1280 bytes: the same
+// sound as ffmpeg's decode resampled to 8 kHz.
+TEST(AudioDecode, Mp2ResampledBlocks)
+{
+    std::string path = FixturePath("mp2_44100.mp2");
+    REQUIRE_FIXTURE(path);
+    auto packets = ReadPackets(path);
+    ASSERT_GT(packets.size(), 20u);
+    CODE_HANDLE h{};
+    ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_MP2, nullptr, &h), KORVALEN_OK);
+    std::vector<int16_t> pcm;
+    size_t blocks = 0, waits = 0;
+    CODE_OUTPUT out;
+    for (const Bytes& p : packets) {
+        CODE_INPUT in{};
+        in.data = p.data();
+        in.length = static_cast<uint32_t>(p.size());
+        uint32_t r = CODE_Decoder(&h, &in, &out);
+        if (r == KORVALEN_ERR_DECODE_NO_OUTPUT) {
+            ++waits;
+            continue;
+        }
+        ASSERT_EQ(r, KORVALEN_OK);
+        ++blocks;
+        EXPECT_GE(out.length, 1280u);
+        EXPECT_LT(out.length, 1280u + 2000u);
+        EXPECT_EQ(out.sampleRate, 8000u);
+        EXPECT_EQ(out.channels, 1u);
+        const auto* s = reinterpret_cast<const int16_t*>(out.data);
+        pcm.insert(pcm.end(), s, s + out.length / 2);
+    }
+    EXPECT_GT(waits, blocks) << "one 1152-sample frame gives ~418 bytes at 8 kHz";
+    ToneInfo t = AnalyseTone(pcm, 8000, 800);
+    EXPECT_NEAR(t.frequency, 1000.0, 5.0);
+    auto ref = ToSamples(RunCommand("ffmpeg -v quiet -i '" + path + "' -ar 8000 -ac 1 -f s16le -"));
+    ToneInfo tr = AnalyseTone(ref, 8000, 800);
+    EXPECT_NEAR(Db(t.rms / tr.rms), 0.0, 0.5);
+    // Same samples apart from the resampler's own filter.
+    std::vector<int16_t> a(pcm.begin() + 800, pcm.end()), b(ref.begin() + 800, ref.begin() + 800 + a.size());
+    EXPECT_GT(Snr(b, a), 25.0);
+
+    LogCapture log;
+    Bytes junk(300, 0x11);
+    CODE_INPUT in{};
+    in.data = junk.data();
+    in.length = static_cast<uint32_t>(junk.size());
+    uint32_t r = CODE_Decoder(&h, &in, &out);
+    EXPECT_TRUE(r == KORVALEN_ERR_DECODE_NO_OUTPUT || r == 1u) << r;
+    CODE_FreeCode(&h);
+}
+
+// Encoders keep a 1 kHz tone: encode, decode with the matching decoder,
+// check frequency and level.
+TEST(AudioEncode, RoundTripsKeepTone)
+{
+    uint64_t liveBefore = QMX_HeapLiveBytes();
+    const double amp = 8000;
+    const double inputRms = amp / std::sqrt(2.0);
+
+    // G.711 both laws.
+    for (uint32_t type : {KORVALEN_CODEC_G711U, KORVALEN_CODEC_G711A}) {
+        auto tone = Tone(8000, 1000, amp, 8000);
+        CODE_HANDLE enc{};
+        ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, type, nullptr, &enc), KORVALEN_OK);
+        std::vector<Bytes> frames;
+        for (size_t i = 0; i < tone.size(); i += 160) {
+            CODE_INPUT in{};
+            in.data = reinterpret_cast<const uint8_t*>(tone.data() + i);
+            in.length = 320;
+            CODE_OUTPUT out;
+            ASSERT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_OK);
+            ASSERT_EQ(out.length, 160u);
+            frames.emplace_back(out.data, out.data + out.length);
+        }
+        CODE_FreeCode(&enc);
+        auto pcm = DecodeAudio(type, frames, 8000, 1);
+        ToneInfo t = AnalyseTone(pcm, 8000, 0);
+        EXPECT_NEAR(t.frequency, 1000.0, 2.0);
+        EXPECT_NEAR(Db(t.rms / inputRms), 0.0, 0.3);
+        EXPECT_GT(Snr(tone, pcm), 30.0);
+    }
+
+    // AAC at 16 kHz, ADTS frames straight into the AAC decoder.
+    {
+        auto tone = Tone(16000, 1000, amp, 16000);
+        CODE_PARAM p{};
+        p.sampleRate = 16000;
+        CODE_HANDLE enc{};
+        ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_AAC, &p, &enc), KORVALEN_OK);
+        std::vector<Bytes> frames;
+        for (size_t i = 0; i + 1024 <= tone.size(); i += 1024) {
+            CODE_INPUT in{};
+            in.data = reinterpret_cast<const uint8_t*>(tone.data() + i);
+            in.length = 2048;
+            CODE_OUTPUT out;
+            ASSERT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_OK);
+            if (out.length) {
+                frames.emplace_back(out.data, out.data + out.length);
+            }
+        }
+        CODE_FreeCode(&enc);
+        ASSERT_GT(frames.size(), 10u);
+        auto pcm = DecodeAudio(KORVALEN_CODEC_AAC, frames, 16000, 1);
+        ToneInfo t = AnalyseTone(pcm, 16000, 2048);
+        EXPECT_NEAR(t.frequency, 1000.0, 3.0);
+        EXPECT_NEAR(Db(t.rms / inputRms), 0.0, 1.0);
+    }
+
+    // MP2 from an 8 kHz mono capture: frames through the callback, decoded
+    // back to 8 kHz.
+    {
+        auto tone = Tone(8000, 1000, amp, 16000);
+        CODE_PARAM p{};
+        p.sampleRate = 8000;
+        p.channels = 1;
+        CODE_HANDLE enc{};
+        ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_MP2, &p, &enc), KORVALEN_OK);
+        std::vector<Bytes> frames;
+        ASSERT_EQ(CODE_SetMp2DataCallBack(
+                      &enc,
+                      [](const uint8_t* data, uint32_t length, void* user) {
+                          static_cast<std::vector<Bytes>*>(user)->emplace_back(data, data + length);
+                      },
+                      &frames),
+                  KORVALEN_OK);
+        for (size_t i = 0; i + 320 <= tone.size(); i += 320) {
+            CODE_INPUT in{};
+            in.data = reinterpret_cast<const uint8_t*>(tone.data() + i);
+            in.length = 640;
+            CODE_OUTPUT out;
+            ASSERT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_OK);
+        }
+        CODE_FreeCode(&enc);
+        // 2 s at 44.1 kHz is 76 frames of 1152 samples, less the remainder.
+        EXPECT_GE(frames.size(), 74u);
+        auto pcm = DecodeAudio(KORVALEN_CODEC_MP2, frames, 8000, 1);
+        ToneInfo t = AnalyseTone(pcm, 8000, 1600);
+        EXPECT_NEAR(t.frequency, 1000.0, 3.0);
+        EXPECT_NEAR(Db(t.rms / inputRms), 0.0, 1.0);
+    }
+    EXPECT_EQ(QMX_HeapLiveBytes(), liveBefore);
+}
+
+// Type and direction checks, and the refusals of the encoders.
+TEST(CodecManager, TypesDirectionsAndRefusals)
+{
+    LogCapture log;
+    for (uint32_t dir : {CODE_DIR_DECODER, CODE_DIR_ENCODER}) {
+        for (uint32_t type : {KORVALEN_CODEC_IVA, KORVALEN_CODEC_NONE, 200u}) {
+            CODE_HANDLE h{};
+            EXPECT_EQ(CODE_CreateCode(dir, type, nullptr, &h), KORVALEN_ERR_INVALID_PARAM) << dir << " " << type;
+            EXPECT_EQ(h.codecType, -1);
+        }
+    }
+    for (uint32_t type : {KORVALEN_CODEC_H264, KORVALEN_CODEC_H265}) {
+        CODE_HANDLE h{};
+        EXPECT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, type, nullptr, &h), KORVALEN_ERR_NOT_SUPPORTED);
+    }
+
+    CODE_HANDLE enc{}, dec{};
+    ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_G711U, nullptr, &enc), KORVALEN_OK);
+    ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_G711U, nullptr, &dec), KORVALEN_OK);
+    Bytes data(3002, 0);
+    CODE_INPUT in{};
+    in.data = data.data();
+    in.length = 3002;
+    CODE_OUTPUT out;
+    EXPECT_EQ(CODE_Decoder(&enc, &in, &out), KORVALEN_ERR_INVALID_PARAM);
+    EXPECT_TRUE(log.Has("CODE_Decoder fail, not decord"));
+    EXPECT_EQ(CODE_Encoder(&dec, &in, &out), KORVALEN_ERR_INVALID_PARAM);
+    EXPECT_TRUE(log.Has("CODE_Encoder fail, not encord"));
+    EXPECT_EQ(CODE_Encoder(&enc, nullptr, &out), KORVALEN_ERR_INVALID_PARAM);
+    EXPECT_TRUE(log.Has("CODE_Encoder fail, Param is null"));
+    EXPECT_EQ(CODE_Encoder(&enc, &in, &out), 1u) << "1501 samples do not fit the 1500-byte buffer";
+    EXPECT_TRUE(log.Has("G711U Encoder failed(retcode:-1)"));
+    CODE_FreeCode(&enc);
+    CODE_FreeCode(&dec);
+
+    EXPECT_EQ(CODE_SetMp2DataCallBack(&enc, nullptr, nullptr), KORVALEN_ERR_INVALID_PARAM);
+    EXPECT_TRUE(log.Has("CODE_SetMp2DataCallBack fail, Param is null"));
+
+    // Out of memory while creating: 3 with the log line, nothing kept.
+    uint64_t liveBefore = QMX_HeapLiveBytes();
+    QMX_HeapFailAt(1);
+    EXPECT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_G711A, nullptr, &dec), KORVALEN_ERR_NO_MEMORY);
+    EXPECT_TRUE(log.Has("QMX_HeapMalloc failed"));
+    QMX_HeapFailAt(2);
+    EXPECT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_MP2, nullptr, &dec), KORVALEN_ERR_NO_MEMORY);
+    QMX_HeapFailAt(2);
+    CODE_PARAM p{};
+    p.sampleRate = 8000;
+    p.channels = 1;
+    EXPECT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_MP2, &p, &enc), 1u);
+    QMX_HeapFailAt(0);
+    EXPECT_EQ(QMX_HeapLiveBytes(), liveBefore);
+
+    // MP2 takes at most 6000 bytes a call.
+    p.sampleRate = 8000;
+    p.channels = 1;
+    ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_MP2, &p, &enc), KORVALEN_OK);
+    Bytes pcm(6001, 0);
+    in.data = pcm.data();
+    in.length = 6001;
+    EXPECT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_ERR_INVALID_PARAM);
+    in.length = 6000;
+    EXPECT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_OK);
+    CODE_FreeCode(&enc);
+
+    // Encoder set-up refusals.
+    p.sampleRate = 12345;
+    EXPECT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_AAC, &p, &enc), 1u);
+    EXPECT_TRUE(log.Has("CODE_CreateCode fail, dsp_faac_enc_init fail, dsp_error("));
+    p.channels = 0;
+    p.sampleRate = 8000;
+    EXPECT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_MP2, &p, &enc), 1u);
+    EXPECT_TRUE(log.Has("resample init failed, error code is "));
+    EXPECT_EQ(QMX_HeapLiveBytes(), liveBefore);
+}
