@@ -1,5 +1,6 @@
 #include "pulse_server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -206,19 +207,27 @@ ChannelLevels LoudestRms(const std::vector<int16_t>& s)
 
 double ToneAmplitude(const std::vector<int16_t>& s, int channel, double hz)
 {
-    size_t start = LoudestStart(s);
-    size_t end = std::min(s.size(), start + kWindow);
-    double w = 2.0 * std::cos(2.0 * M_PI * hz / kRate);
-    double s1 = 0, s2 = 0;
-    size_t n = 0;
-    for (size_t i = start + static_cast<size_t>(channel); i < end; i += 2, ++n) {
-        double s0 = s[i] + w * s1 - s2;
-        s2 = s1;
-        s1 = s0;
+    // Per 20 ms block (whole cycles of the test tones), then the median: a
+    // gap or a jump in phase spoils one block, not the measurement.
+    const size_t start = LoudestStart(s);
+    const size_t end = std::min(s.size(), start + kWindow);
+    const size_t block = kRate / 50 * 2; // stereo samples in 20 ms
+    const double w = 2.0 * std::cos(2.0 * M_PI * hz / kRate);
+    std::vector<double> amps;
+    for (size_t b0 = start; b0 + block <= end; b0 += block) {
+        double s1 = 0, s2 = 0;
+        size_t n = 0;
+        for (size_t i = b0 + static_cast<size_t>(channel); i < b0 + block; i += 2, ++n) {
+            double s0 = s[i] + w * s1 - s2;
+            s2 = s1;
+            s1 = s0;
+        }
+        double power = s1 * s1 + s2 * s2 - w * s1 * s2;
+        amps.push_back(std::sqrt(std::max(power, 0.0)) * std::sqrt(2.0) / static_cast<double>(n));
     }
-    if (n == 0) {
+    if (amps.empty()) {
         return 0;
     }
-    double power = s1 * s1 + s2 * s2 - w * s1 * s2;
-    return std::sqrt(power) * std::sqrt(2.0) / n; // a pure tone of RMS a gives about a
+    std::nth_element(amps.begin(), amps.begin() + static_cast<long>(amps.size() / 2), amps.end());
+    return amps[amps.size() / 2]; // a pure tone of RMS a gives about a
 }
