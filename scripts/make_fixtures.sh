@@ -16,3 +16,16 @@ fixture() { # fixture NAME ffmpeg-arguments...
 fixture h264_g711.ts -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
   -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f mpegts
 echo "fixtures in $out"
+
+# RTP peers: one second of video, key frame every ten frames, for ffmpeg and
+# GStreamer to packetize. x265 is told open-gop=0 so key frames are IDR, and
+# radl=2 so that they are IDR_W_RADL after the first.
+fixture rtp_h264.h264 -f lavfi -i testsrc2=size=640x360:rate=25 -t 1 -c:v libx264 -preset ultrafast -g 10 \
+  -pix_fmt yuv420p -bsf:v h264_mp4toannexb -f h264
+fixture rtp_h265.h265 -f lavfi -i testsrc2=size=640x360:rate=25 -t 1 -c:v libx265 -preset ultrafast \
+  -x265-params keyint=10:open-gop=0:radl=2:log-level=error -pix_fmt yuv420p -f hevc
+fixture rtp_mjpeg420.mjpeg -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v mjpeg -huffman default -q:v 5 \
+  -pix_fmt yuvj420p -f mjpeg
+# Benchmark input: ten seconds of 1080p H.264 at a camera's bit rate.
+fixture bench_1080p.h264 -f lavfi -i testsrc2=size=1920x1080:rate=25 -t 10 -c:v libx264 -preset ultrafast \
+  -b:v 8M -g 50 -pix_fmt yuv420p -bsf:v h264_mp4toannexb -f h264

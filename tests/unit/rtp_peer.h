@@ -1,0 +1,157 @@
+// Helpers for tests against real RTP senders (ffmpeg, GStreamer) on
+// loopback: fixtures, a bounded receive loop, frame assembly and the ffmpeg
+// per-frame hash oracle.
+#pragma once
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "net/net_socket.h"
+#include "net/rtp.h"
+#include "platform/platform.h"
+#include "test_env.h"
+
+namespace rtp_peer {
+
+using Bytes = std::vector<uint8_t>;
+
+// Media made by scripts/make_fixtures.sh; made on demand when missing.
+inline std::string Fixture(const std::string& name)
+{
+    const std::string dir = KORVALEN_FIXTURE_DIR;
+    const std::string path = dir + "/" + name;
+    if (!FileExists(path)) {
+        const std::string cmd = std::string(KORVALEN_SOURCE_DIR) + "/scripts/make_fixtures.sh " + dir + " >/dev/null";
+        if (std::system(cmd.c_str()) != 0) {
+            return "";
+        }
+    }
+    return FileExists(path) ? path : "";
+}
+
+inline uint16_t BoundPort(int fd)
+{
+    sockaddr_storage a{};
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    return a.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&a)->sin6_port)
+                                   : ntohs(reinterpret_cast<sockaddr_in*>(&a)->sin_port);
+}
+
+inline std::string Replace(std::string s, const std::string& key, const std::string& value)
+{
+    for (size_t at = s.find(key); at != std::string::npos; at = s.find(key, at + value.size())) {
+        s.replace(at, key.size(), value);
+    }
+    return s;
+}
+
+// Runs cmd (a sender) on a helper thread and collects every datagram the
+// socket receives until the sender has ended and the line is quiet. Bounded:
+// gives up after 60 s whatever happens.
+inline std::vector<Bytes> ReceiveWhile(NET_SOCKET* sock, const std::string& cmd, int* exitCode)
+{
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        *exitCode = std::system((cmd + " >/dev/null 2>&1").c_str());
+        done = true;
+    });
+    std::vector<Bytes> packets;
+    std::vector<uint8_t> buf(kNetRecvMax);
+    const uint32_t start = PLAT_TickMs();
+    int quiet = 0;
+    while (PLAT_TickMs() - start < 60000) {
+        uint32_t len = 0;
+        if (NET_UdpRecvMsg(sock, buf.data(), &len) != KORVALEN_OK) {
+            break;
+        }
+        if (len) {
+            packets.emplace_back(buf.begin(), buf.begin() + len);
+            quiet = 0;
+        } else if (done && ++quiet >= 2) {
+            break;
+        }
+    }
+    sender.join();
+    return packets;
+}
+
+struct Frame {
+    uint32_t timestamp;
+    uint32_t frameType;
+    Bytes data;
+};
+
+struct Assembly {
+    std::vector<Frame> frames;
+    std::map<uint32_t, int> codes; // RTP_SpellFrame result -> count
+};
+
+inline Assembly Spell(const std::vector<Bytes>& packets, const RTP_PAYLOAD_TABLE* custom = nullptr,
+                      const RTP_AAC_CONFIG* aac = nullptr)
+{
+    Assembly out;
+    Bytes videoBuf(kRtpVideoFrameMax), audioBuf(kRtpAudioFrameMax);
+    RTP_STREAM_INFO video, audio;
+    RTP_InitStream(&video, videoBuf.data(), kRtpVideoFrameMax);
+    RTP_InitStream(&audio, audioBuf.data(), kRtpAudioFrameMax);
+    for (const Bytes& p : packets) {
+        RTP_STREAM_INFO* done = nullptr;
+        uint32_t r = RTP_SpellFrame(p.data(), static_cast<uint32_t>(p.size()), custom, aac, &video, &audio, &done);
+        ++out.codes[r];
+        if (r == KORVALEN_OK && done) {
+            out.frames.push_back({done->timestamp, done->frameType, Bytes(done->frame, done->frame + done->frameLen)});
+        }
+    }
+    return out;
+}
+
+inline std::string WriteFrames(const std::string& name, const std::vector<Frame>& frames)
+{
+    const std::string path = TestHome() + "/" + name;
+    std::ofstream f(path, std::ios::binary);
+    for (const Frame& fr : frames) {
+        f.write(reinterpret_cast<const char*>(fr.data.data()), static_cast<std::streamsize>(fr.data.size()));
+    }
+    return path;
+}
+
+// Per-frame hashes of the decoded pictures, in output order.
+inline std::vector<std::string> FrameHashes(const std::string& path, const std::string& format)
+{
+    const std::string cmd = "ffmpeg -hide_banner -loglevel error -f " + format + " -i '" + path + "' -f framemd5 -";
+    std::vector<std::string> hashes;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) {
+        return hashes;
+    }
+    char line[512];
+    while (fgets(line, sizeof line, p)) {
+        std::string s(line);
+        if (s.empty() || s[0] == '#') {
+            continue;
+        }
+        const size_t comma = s.rfind(',');
+        if (comma == std::string::npos) {
+            continue;
+        }
+        std::string h = s.substr(comma + 1);
+        h.erase(0, h.find_first_not_of(' '));
+        h.erase(h.find_last_not_of(" \r\n") + 1);
+        hashes.push_back(h);
+    }
+    pclose(p);
+    return hashes;
+}
+
+} // namespace rtp_peer

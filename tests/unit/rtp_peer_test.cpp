@@ -1,0 +1,149 @@
+// Real senders on loopback: ffmpeg and GStreamer packetize fixture streams,
+// the depacketizer assembles them, and ffmpeg must decode the assembled
+// frames to the same per-frame hashes as the source file.
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "log_capture.h"
+#include "rtp_peer.h"
+
+using namespace rtp_peer;
+
+namespace {
+
+struct PeerCase {
+    const char* name;
+    const char* fixture;
+    const char* format;  // ffmpeg demuxer of the fixture and of the output
+    std::string command; // {ffmpeg}, {gst}, {file} and {port} are filled in
+    uint8_t customPt;    // payload type mapped through the custom table, 0 = none
+    uint32_t customCodec;
+    std::set<int> packetKinds; // NAL kinds the sender is known to use
+};
+
+void PrintTo(const PeerCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+const char* kFfmpeg = "ffmpeg -hide_banner -loglevel error -re";
+const char* kGst = "gst-launch-1.0 -q filesrc location={file} ! ";
+
+struct RtpPeerTest : ::testing::TestWithParam<PeerCase> {};
+
+TEST_P(RtpPeerTest, AssembledFramesDecodeLikeTheSource)
+{
+    const PeerCase& c = GetParam();
+    const std::string file = Fixture(c.fixture);
+    ASSERT_FALSE(file.empty()) << "fixture " << c.fixture << " could not be made";
+
+    NET_SOCKET sock;
+    ASSERT_EQ(NET_CreateRecvSocket("127.0.0.1", 0, "127.0.0.1", 0, NET_PROTO_UDP, &sock), KORVALEN_OK);
+    const std::string cmd = Replace(Replace(c.command, "{file}", file), "{port}", std::to_string(BoundPort(sock.fd)));
+    int exitCode = -1;
+    std::vector<Bytes> packets = ReceiveWhile(&sock, cmd, &exitCode);
+    NET_DestroySocket(&sock);
+    ASSERT_EQ(exitCode, 0) << cmd;
+    ASSERT_GT(packets.size(), 20u);
+
+    std::set<int> kinds;
+    for (const Bytes& p : packets) {
+        const uint32_t off = RTP_PayloadOffset(p.data(), static_cast<uint32_t>(p.size()));
+        kinds.insert(std::string(c.format) == "hevc" ? (p[off] >> 1) & 63 : p[off] & 31);
+    }
+    for (int k : c.packetKinds) {
+        EXPECT_TRUE(kinds.count(k)) << "sender no longer uses NAL kind " << k;
+    }
+
+    RTP_PAYLOAD_TABLE custom{};
+    if (c.customPt) {
+        custom.entries[0] = {c.customPt, c.customCodec, 1};
+    }
+    Assembly a = Spell(packets, c.customPt ? &custom : nullptr);
+    for (const auto& [code, count] : a.codes) {
+        EXPECT_TRUE(code == KORVALEN_OK || code == KORVALEN_ERR_NEED_MORE_DATA)
+            << "result " << code << " x" << count << " from a clean stream";
+    }
+    ASSERT_FALSE(a.frames.empty());
+    if (std::string(c.format) != "hevc") { // x265 opens with IDR_N_LP, not a key type here
+        EXPECT_EQ(a.frames.front().frameType, RTP_FRAME_KEY) << "every fixture starts with a key frame";
+    }
+    std::set<uint32_t> types;
+    for (const Frame& f : a.frames) {
+        types.insert(f.frameType);
+    }
+    if (std::string(c.format) != "mjpeg") {
+        EXPECT_EQ(types, (std::set<uint32_t>{RTP_FRAME_KEY, RTP_FRAME_OTHER})) << "key and other frames both seen";
+    }
+
+    const std::string out = WriteFrames(std::string(c.name) + ".out", a.frames);
+    const std::vector<std::string> expected = FrameHashes(file, c.format);
+    ASSERT_EQ(expected.size(), 25u) << "the fixture holds one second at 25 fps";
+    EXPECT_EQ(FrameHashes(out, c.format), expected);
+}
+
+std::vector<PeerCase> Peers()
+{
+    std::vector<PeerCase> v = {
+        {"ffmpeg_h264",
+         "rtp_h264.h264",
+         "h264",
+         "{ffmpeg} -f h264 -i {file} -c:v copy -f rtp rtp://127.0.0.1:{port}",
+         0,
+         0,
+         {24, 28}},
+        {"ffmpeg_h265_pt108",
+         "rtp_h265.h265",
+         "hevc",
+         "{ffmpeg} -f hevc -i {file} -c:v copy -payload_type 108 -f rtp rtp://127.0.0.1:{port}",
+         0,
+         0,
+         {48, 49}},
+        {"ffmpeg_h265_custom96",
+         "rtp_h265.h265",
+         "hevc",
+         "{ffmpeg} -f hevc -i {file} -c:v copy -f rtp rtp://127.0.0.1:{port}",
+         96,
+         KORVALEN_CODEC_H265,
+         {48, 49}},
+        {"ffmpeg_mjpeg420",
+         "rtp_mjpeg420.mjpeg",
+         "mjpeg",
+         "{ffmpeg} -f mjpeg -i {file} -c:v copy -f rtp rtp://127.0.0.1:{port}",
+         0,
+         0,
+         {}},
+        {"gst_h264",
+         "rtp_h264.h264",
+         "h264",
+         "{gst}h264parse ! rtph264pay pt=96 mtu=1400 config-interval=-1 ! udpsink host=127.0.0.1 port={port}",
+         0,
+         0,
+         {7, 8, 28}},
+        {"gst_h265",
+         "rtp_h265.h265",
+         "hevc",
+         "{gst}h265parse ! rtph265pay pt=108 mtu=1400 config-interval=-1 ! udpsink host=127.0.0.1 port={port}",
+         0,
+         0,
+         {32, 33, 34, 49}},
+        {"gst_mjpeg420",
+         "rtp_mjpeg420.mjpeg",
+         "mjpeg",
+         "{gst}jpegparse ! rtpjpegpay mtu=1400 ! udpsink host=127.0.0.1 port={port}",
+         0,
+         0,
+         {}},
+    };
+    for (PeerCase& c : v) {
+        c.command = Replace(Replace(c.command, "{ffmpeg}", kFfmpeg), "{gst}", kGst);
+    }
+    return v;
+}
+
+INSTANTIATE_TEST_SUITE_P(Senders, RtpPeerTest, ::testing::ValuesIn(Peers()),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
