@@ -8,13 +8,18 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <mutex>
+#include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "net/net_socket.h"
 #include "net/rtp.h"
@@ -153,5 +158,99 @@ inline std::vector<std::string> FrameHashes(const std::string& path, const std::
     pclose(p);
     return hashes;
 }
+
+// A UDP relay between a sender and the receiver that drops, duplicates and
+// swaps packets at seeded random. It keeps every packet it was given, in
+// order, and which of them it disturbed.
+class LossyRelay {
+public:
+    LossyRelay(uint16_t destPort, uint32_t seed, double drop, double dup, double swap)
+        : rng_(seed), drop_(drop), dup_(dup), swap_(swap)
+    {
+        in_ = socket(AF_INET, SOCK_DGRAM, 0);
+        out_ = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(in_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        dest_ = a;
+        dest_.sin_port = htons(destPort);
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~LossyRelay()
+    {
+        Stop();
+        close(in_);
+        close(out_);
+    }
+    uint16_t Port() const { return BoundPort(in_); }
+    void Stop()
+    {
+        stop_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    // Valid after Stop().
+    std::vector<Bytes> clean;
+    std::set<size_t> touched; // indexes into clean
+    size_t drops = 0;
+
+private:
+    void Send(const Bytes& b)
+    {
+        sendto(out_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&dest_), sizeof dest_);
+    }
+    void Run()
+    {
+        std::uniform_real_distribution<double> u(0.0, 1.0);
+        std::vector<uint8_t> buf(65536);
+        bool holding = false;
+        size_t held = 0;
+        while (!stop_) {
+            pollfd p{in_, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) {
+                continue;
+            }
+            const ssize_t n = recv(in_, buf.data(), buf.size(), 0);
+            if (n <= 0) {
+                continue;
+            }
+            const size_t i = clean.size();
+            clean.emplace_back(buf.begin(), buf.begin() + n);
+            if (holding) { // the held packet goes after this one
+                Send(clean[i]);
+                Send(clean[held]);
+                holding = false;
+                continue;
+            }
+            const double r = u(rng_);
+            if (r < drop_) {
+                touched.insert(i);
+                ++drops;
+            } else if (r < drop_ + dup_) {
+                touched.insert(i);
+                Send(clean[i]);
+                Send(clean[i]);
+            } else if (r < drop_ + dup_ + swap_) {
+                touched.insert(i);
+                holding = true;
+                held = i;
+            } else {
+                Send(clean[i]);
+            }
+        }
+        if (holding) {
+            Send(clean[held]);
+        }
+    }
+
+    std::mt19937 rng_;
+    double drop_, dup_, swap_;
+    int in_ = -1, out_ = -1;
+    sockaddr_in dest_{};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
 
 } // namespace rtp_peer

@@ -147,3 +147,92 @@ INSTANTIATE_TEST_SUITE_P(Senders, RtpPeerTest, ::testing::ValuesIn(Peers()),
                          [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
+
+namespace {
+
+uint32_t Timestamp(const Bytes& p)
+{
+    return (uint32_t(p[4]) << 24) | (uint32_t(p[5]) << 16) | (uint32_t(p[6]) << 8) | p[7];
+}
+
+struct LossCase {
+    const char* name;
+    const char* fixture;
+    const char* format;
+    uint32_t seed;
+};
+
+void PrintTo(const LossCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+struct RtpLossTest : ::testing::TestWithParam<LossCase> {};
+
+// Loss, duplicates and swaps through a relay: every disturbed frame is
+// dropped (or, for a frame of several NAL units, handed on as its intact
+// tail), every undisturbed frame arrives whole.
+TEST_P(RtpLossTest, DisturbedFramesAreDroppedAndAssemblyResumes)
+{
+    const LossCase& c = GetParam();
+    const std::string file = Fixture(c.fixture);
+    ASSERT_FALSE(file.empty());
+
+    NET_SOCKET sock;
+    ASSERT_EQ(NET_CreateRecvSocket("127.0.0.1", 0, "127.0.0.1", 0, NET_PROTO_UDP, &sock), KORVALEN_OK);
+    LossyRelay relay(BoundPort(sock.fd), c.seed, 0.03, 0.03, 0.03);
+    const std::string cmd = std::string(kFfmpeg) + " -f " + c.format + " -i " + file +
+                            " -c:v copy -f rtp rtp://127.0.0.1:" + std::to_string(relay.Port());
+    int exitCode = -1;
+    std::vector<Bytes> received = ReceiveWhile(&sock, cmd, &exitCode);
+    relay.Stop();
+    NET_DestroySocket(&sock);
+    ASSERT_EQ(exitCode, 0);
+    ASSERT_GT(relay.drops, 0u) << "the seed must give at least one loss";
+
+    std::map<uint32_t, Bytes> whole;
+    for (Frame& f : Spell(relay.clean).frames) {
+        whole[f.timestamp] = std::move(f.data);
+    }
+    ASSERT_EQ(whole.size(), 25u);
+    std::set<uint32_t> disturbed;
+    for (size_t i : relay.touched) {
+        for (size_t j = i ? i - 1 : 0; j <= i + 1 && j < relay.clean.size(); ++j) {
+            disturbed.insert(Timestamp(relay.clean[j]));
+        }
+    }
+
+    LogCapture log;
+    Assembly a = Spell(received);
+    EXPECT_GE(a.codes[KORVALEN_ERR_PACKET_LOST], static_cast<int>(relay.drops)) << "each gap reports 525";
+    EXPECT_TRUE(log.Has("Cur Num:"));
+    std::set<uint32_t> exact;
+    for (const Frame& f : a.frames) {
+        ASSERT_TRUE(whole.count(f.timestamp)) << "a frame the sender never sent";
+        const Bytes& w = whole[f.timestamp];
+        if (f.data == w) {
+            exact.insert(f.timestamp);
+            continue;
+        }
+        EXPECT_TRUE(disturbed.count(f.timestamp)) << "an undisturbed frame changed";
+        const bool tail = f.data.size() < w.size() && std::equal(f.data.rbegin(), f.data.rend(), w.rbegin()) &&
+                          f.data.size() > 4 && f.data[0] == 0 && f.data[1] == 0 && f.data[2] == 0 && f.data[3] == 1;
+        EXPECT_TRUE(tail) << "a damaged frame was handed on";
+    }
+    size_t lostFrames = 0;
+    for (const auto& [ts, bytes] : whole) {
+        if (!disturbed.count(ts)) {
+            EXPECT_TRUE(exact.count(ts)) << "undisturbed frame " << ts << " missing";
+        } else if (!exact.count(ts)) {
+            ++lostFrames;
+        }
+    }
+    EXPECT_GT(lostFrames, 0u) << "some disturbed frame must have been dropped";
+}
+
+INSTANTIATE_TEST_SUITE_P(Relay, RtpLossTest,
+                         ::testing::Values(LossCase{"h264", "rtp_h264.h264", "h264", 7},
+                                           LossCase{"mjpeg", "rtp_mjpeg420.mjpeg", "mjpeg", 11}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
