@@ -29,3 +29,16 @@ fixture rtp_mjpeg420.mjpeg -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v m
 # Benchmark input: ten seconds of 1080p H.264 at a camera's bit rate.
 fixture bench_1080p.h264 -f lavfi -i testsrc2=size=1920x1080:rate=25 -t 10 -c:v libx264 -preset ultrafast \
   -b:v 8M -g 50 -pix_fmt yuv420p -bsf:v h264_mp4toannexb -f h264
+# Baseline JPEGs with restart markers and the quality-50 tables, for the RTP
+# JPEG header rebuild (no RTP sender emits restart markers).
+jpeg_fixture() { # jpeg_fixture NAME cjpeg-arguments...
+  local name=$1; shift
+  [ -s "$out/$name" ] && return 0
+  ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=320x240 -frames:v 1 -c:v ppm -f image2 \
+    "$out/$name.ppm"
+  cjpeg "$@" "$out/$name.ppm" >"$out/$name.tmp"
+  mv "$out/$name.tmp" "$out/$name"
+  rm -f "$out/$name.ppm"
+}
+jpeg_fixture rtp_restart422.jpg -quality 50 -sample 2x1 -restart 3B -baseline
+jpeg_fixture rtp_restart420.jpg -quality 50 -sample 2x2 -restart 5B -baseline
