@@ -42,3 +42,8 @@ jpeg_fixture() { # jpeg_fixture NAME cjpeg-arguments...
 }
 jpeg_fixture rtp_restart422.jpg -quality 50 -sample 2x1 -restart 3B -baseline
 jpeg_fixture rtp_restart420.jpg -quality 50 -sample 2x2 -restart 5B -baseline
+# One second of sound for the RTP audio payloads (AAC in MP4 carries the
+# global header ffmpeg's RTP sender needs).
+fixture rtp_aac.m4a -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a aac -b:a 24k -ac 1 -f mp4
+fixture rtp_g711u.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_mulaw -f mulaw
+fixture rtp_g711a.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_alaw -f alaw

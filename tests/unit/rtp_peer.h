@@ -94,6 +94,7 @@ inline std::vector<Bytes> ReceiveWhile(NET_SOCKET* sock, const std::string& cmd,
 struct Frame {
     uint32_t timestamp;
     uint32_t frameType;
+    uint32_t codecType;
     Bytes data;
 };
 
@@ -115,7 +116,8 @@ inline Assembly Spell(const std::vector<Bytes>& packets, const RTP_PAYLOAD_TABLE
         uint32_t r = RTP_SpellFrame(p.data(), static_cast<uint32_t>(p.size()), custom, aac, &video, &audio, &done);
         ++out.codes[r];
         if (r == KORVALEN_OK && done) {
-            out.frames.push_back({done->timestamp, done->frameType, Bytes(done->frame, done->frame + done->frameLen)});
+            out.frames.push_back(
+                {done->timestamp, done->frameType, done->codecType, Bytes(done->frame, done->frame + done->frameLen)});
         }
     }
     return out;

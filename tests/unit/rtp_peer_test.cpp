@@ -236,3 +236,70 @@ INSTANTIATE_TEST_SUITE_P(Relay, RtpLossTest,
                          [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
+
+namespace {
+
+struct AudioCase {
+    const char* name;
+    const char* fixture;
+    std::string command;
+    uint32_t codec;
+    const char* outFormat; // empty: the payloads must equal the file's bytes
+};
+
+void PrintTo(const AudioCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+struct RtpAudioPeerTest : ::testing::TestWithParam<AudioCase> {};
+
+// Every audio packet is a frame; AAC payload 104 gains an ADTS header that
+// must describe the stream well enough for a decoder.
+TEST_P(RtpAudioPeerTest, FramesCarryTheSourceSound)
+{
+    const AudioCase& c = GetParam();
+    const std::string file = Fixture(c.fixture);
+    ASSERT_FALSE(file.empty());
+    NET_SOCKET sock;
+    ASSERT_EQ(NET_CreateRecvSocket(nullptr, 0, "127.0.0.1", 0, NET_PROTO_UDP, &sock), KORVALEN_OK);
+    const std::string cmd = std::string(kFfmpeg) + " " + Replace(c.command, "{file}", file) +
+                            " -f rtp rtp://127.0.0.1:" + std::to_string(BoundPort(sock.fd));
+    int exitCode = -1;
+    std::vector<Bytes> packets = ReceiveWhile(&sock, cmd, &exitCode);
+    NET_DestroySocket(&sock);
+    ASSERT_EQ(exitCode, 0) << cmd;
+
+    const RTP_AAC_CONFIG aac{1, 11, 1}; // LC, 8000 Hz, mono: what the fixture holds
+    Assembly a = Spell(packets, nullptr, &aac);
+    ASSERT_EQ(a.frames.size(), packets.size()) << "one frame per packet";
+    EXPECT_EQ(a.codes[KORVALEN_OK], static_cast<int>(packets.size()));
+    for (const Frame& f : a.frames) {
+        EXPECT_EQ(f.frameType, RTP_FRAME_AUDIO);
+        EXPECT_EQ(f.codecType, c.codec);
+    }
+    const std::string out = WriteFrames(std::string(c.name) + ".out", a.frames);
+    if (*c.outFormat) {
+        // Without the edit list the priming frame the RTP stream carries is kept.
+        std::vector<std::string> expected = FrameHashes(file, "mp4 -ignore_editlist 1");
+        ASSERT_GE(expected.size(), 7u) << "one second of 1024-sample AAC frames";
+        // ffmpeg's AAC packetizer keeps its last frame back at the end.
+        std::vector<std::string> got = FrameHashes(out, c.outFormat);
+        ASSERT_GE(got.size() + 1, expected.size());
+        expected.resize(got.size());
+        EXPECT_EQ(got, expected);
+    } else {
+        EXPECT_EQ(ReadFile(out), ReadFile(file));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Senders, RtpAudioPeerTest,
+    ::testing::Values(
+        AudioCase{"aac_pt104", "rtp_aac.m4a", "-i {file} -c:a copy -payload_type 104 -max_delay 0", KORVALEN_CODEC_AAC,
+                  "aac"},
+        AudioCase{"g711u", "rtp_g711u.raw", "-f mulaw -ar 8000 -ac 1 -i {file} -c:a copy", KORVALEN_CODEC_G711U, ""},
+        AudioCase{"g711a", "rtp_g711a.raw", "-f alaw -ar 8000 -ac 1 -i {file} -c:a copy", KORVALEN_CODEC_G711A, ""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
