@@ -16,8 +16,10 @@ bool Append(RTP_STREAM_INFO* s, const uint8_t* data, uint32_t n)
     if (n >= s->frameCap - s->frameLen) {
         return false;
     }
-    std::memcpy(s->frame + s->frameLen, data, n);
-    s->frameLen += n;
+    if (n) {
+        std::memcpy(s->frame + s->frameLen, data, n);
+        s->frameLen += n;
+    }
     return true;
 }
 
