@@ -80,7 +80,9 @@ inline std::vector<Bytes> ReceiveWhile(NET_SOCKET* sock, const std::string& cmd,
         if (NET_UdpRecvMsg(sock, buf.data(), &len) != KORVALEN_OK) {
             break;
         }
-        if (len) {
+        // Another test's sender may aim its RTCP (types 200-204) at this port.
+        const bool rtcp = len >= 2 && buf[1] >= 200 && buf[1] <= 204;
+        if (len && !rtcp) {
             packets.emplace_back(buf.begin(), buf.begin() + len);
             quiet = 0;
         } else if (done && ++quiet >= 2) {
