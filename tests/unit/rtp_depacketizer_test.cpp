@@ -119,6 +119,17 @@ TEST_F(Depacketizer, PayloadTypesMapThroughCustomThenDefaultTable)
     EXPECT_EQ(audio.codecType, KORVALEN_CODEC_G711U);
     EXPECT_EQ(audio.frameType, RTP_FRAME_AUDIO);
 
+    // Payload 121 is carried as it is; AAC 120 has no ADTS header, 104 needs
+    // its 4-byte AU header section.
+    ASSERT_EQ(Feed(Rtp(121, 3, Filled(320, 0x10))), KORVALEN_OK);
+    EXPECT_EQ(audio.codecType, KORVALEN_CODEC_PCM);
+    EXPECT_EQ(Frame(audio), Filled(320, 0x10));
+    ASSERT_EQ(Feed(Rtp(120, 4, Filled(100, 0x21))), KORVALEN_OK);
+    EXPECT_EQ(Frame(audio), Filled(100, 0x21));
+    EXPECT_EQ(Feed(Rtp(104, 5, {0, 16, 1})), 2u);
+    EXPECT_TRUE(log.Has("RTP_SpellFrameNotH264 fail, ulLen(15), pstRTPPacketInfo->ucESOffset(12), "
+                        "pstRTPStreamInfo->ulFrameLen(0)"));
+
     uint8_t pt = 0;
     EXPECT_EQ(RTP_TypeToRtpPayload(KORVALEN_CODEC_AAC, &pt), KORVALEN_OK);
     EXPECT_EQ(pt, 120);
