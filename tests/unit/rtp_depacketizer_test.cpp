@@ -1,103 +1,14 @@
 // Hand-made packets for what no real sender produces: CSRCs, extensions,
 // truncated headers, NAL types outside the accepted set, sequence gaps,
-// oversize frames, JPEG restart headers and Q-derived tables.
-#include <cstring>
-
+// oversize frames, audio payload limits.
 #include <gtest/gtest.h>
 
 #include "log_capture.h"
-#include "net/rtp_jpeg.h"
-#include "net/rtp_sender.h"
-#include "rtp_peer.h"
+#include "rtp_packets.h"
 
-using namespace rtp_peer;
+using namespace rtp_packets;
 
 namespace {
-
-struct RtpOpts {
-    bool marker = false;
-    uint8_t csrcs = 0;
-    Bytes ext; // extension body, whole 32-bit words
-    uint8_t version = 2;
-};
-
-RtpOpts Opts(bool marker, uint8_t csrcs = 0, Bytes ext = {})
-{
-    RtpOpts o;
-    o.marker = marker;
-    o.csrcs = csrcs;
-    o.ext = std::move(ext);
-    return o;
-}
-
-RtpOpts Marked()
-{
-    return Opts(true);
-}
-
-Bytes Rtp(uint8_t pt, uint16_t seq, const Bytes& payload, RtpOpts o = {}, uint32_t ts = 9000)
-{
-    Bytes p = {static_cast<uint8_t>((o.version << 6) | (o.ext.empty() ? 0 : 0x10) | o.csrcs),
-               static_cast<uint8_t>((o.marker ? 0x80 : 0) | pt),
-               static_cast<uint8_t>(seq >> 8),
-               static_cast<uint8_t>(seq),
-               static_cast<uint8_t>(ts >> 24),
-               static_cast<uint8_t>(ts >> 16),
-               static_cast<uint8_t>(ts >> 8),
-               static_cast<uint8_t>(ts),
-               1,
-               2,
-               3,
-               4};
-    for (int i = 0; i < o.csrcs * 4; ++i) {
-        p.push_back(0xCC);
-    }
-    if (!o.ext.empty()) {
-        const size_t words = o.ext.size() / 4;
-        p.insert(p.end(), {0xBE, 0xDE, static_cast<uint8_t>(words >> 8), static_cast<uint8_t>(words)});
-        p.insert(p.end(), o.ext.begin(), o.ext.end());
-    }
-    p.insert(p.end(), payload.begin(), payload.end());
-    return p;
-}
-
-Bytes Filled(size_t n, uint8_t first, uint8_t fill = 0x5A)
-{
-    Bytes b(n, fill);
-    b[0] = first;
-    return b;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes& p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
-
-const Bytes kSc = {0, 0, 0, 1};
-
-struct Depacketizer : ::testing::Test {
-    Bytes videoBuf = Bytes(kRtpVideoFrameMax);
-    Bytes audioBuf = Bytes(kRtpAudioFrameMax);
-    RTP_STREAM_INFO video, audio;
-    RTP_PAYLOAD_TABLE custom{};
-    RTP_AAC_CONFIG aac{1, 11, 1}; // AAC LC, 8 kHz, mono
-    RTP_STREAM_INFO* done = nullptr;
-
-    void SetUp() override
-    {
-        RTP_InitStream(&video, videoBuf.data(), kRtpVideoFrameMax);
-        RTP_InitStream(&audio, audioBuf.data(), kRtpAudioFrameMax);
-    }
-    uint32_t Feed(const Bytes& p)
-    {
-        return RTP_SpellFrame(p.data(), static_cast<uint32_t>(p.size()), &custom, &aac, &video, &audio, &done);
-    }
-    Bytes Frame(const RTP_STREAM_INFO& s) const { return Bytes(s.frame, s.frame + s.frameLen); }
-};
 
 TEST_F(Depacketizer, PayloadTypesMapThroughCustomThenDefaultTable)
 {

@@ -7,29 +7,12 @@
 #include "log_capture.h"
 #include "net/rtp_jpeg.h"
 #include "net/rtp_sender.h"
-#include "rtp_peer.h"
+#include "rtp_packets.h"
 
+using namespace rtp_packets;
 using namespace rtp_peer;
 
 namespace {
-
-Bytes Rtp(uint8_t pt, uint16_t seq, const Bytes& payload, bool marker = false, uint8_t version = 2)
-{
-    Bytes p = {static_cast<uint8_t>(version << 6),
-               static_cast<uint8_t>((marker ? 0x80 : 0) | pt),
-               static_cast<uint8_t>(seq >> 8),
-               static_cast<uint8_t>(seq),
-               0,
-               0,
-               0x23,
-               0x28,
-               9,
-               9,
-               9,
-               9};
-    p.insert(p.end(), payload.begin(), payload.end());
-    return p;
-}
 
 Bytes FileBytes(const std::string& path)
 {
@@ -142,23 +125,7 @@ INSTANTIATE_TEST_SUITE_P(Restart, RtpJpegRebuild,
                          ::testing::Values(JpegCase{"rtp_restart422.jpg", 50}, JpegCase{"rtp_restart420.jpg", 50},
                                            JpegCase{"rtp_restart420.jpg", 255}));
 
-struct Streams : ::testing::Test {
-    Bytes videoBuf = Bytes(kRtpVideoFrameMax);
-    Bytes audioBuf = Bytes(kRtpAudioFrameMax);
-    RTP_STREAM_INFO video, audio;
-    RTP_STREAM_INFO* done = nullptr;
-    void SetUp() override
-    {
-        RTP_InitStream(&video, videoBuf.data(), kRtpVideoFrameMax);
-        RTP_InitStream(&audio, audioBuf.data(), kRtpAudioFrameMax);
-    }
-    uint32_t Feed(const Bytes& p)
-    {
-        return RTP_SpellFrame(p.data(), static_cast<uint32_t>(p.size()), nullptr, nullptr, &video, &audio, &done);
-    }
-};
-
-TEST_F(Streams, JpegHeadersNeedAKnownTypeAndTheirTables)
+TEST_F(Depacketizer, JpegHeadersNeedAKnownTypeAndTheirTables)
 {
     LogCapture log;
     // Type 7 is no sampling we can describe; Q 200 without its tables.
@@ -173,7 +140,7 @@ TEST_F(Streams, JpegHeadersNeedAKnownTypeAndTheirTables)
     EXPECT_TRUE(log.Has("PACKET LOSE data, count(1)"));
 }
 
-TEST_F(Streams, H265FragmentsRebuildTheHeaderAndKeyTypesAre19And38)
+TEST_F(Depacketizer, H265FragmentsRebuildTheHeaderAndKeyTypesAre19And38)
 {
     LogCapture log;
     // FU of an IDR_W_RADL (19): indicator type 49, layer/tid bytes kept.
@@ -197,7 +164,7 @@ TEST_F(Streams, H265FragmentsRebuildTheHeaderAndKeyTypesAre19And38)
     EXPECT_EQ(Feed(Rtp(108, 7, {0x60, 0x01, 0, 9, 0x40, 0x01, 0xC1}, true)), 1u);
 }
 
-TEST_F(Streams, AnalyticsBlockIsKeptAndDataRunsToTheMarker)
+TEST_F(Depacketizer, AnalyticsBlockIsKeptAndDataRunsToTheMarker)
 {
     Bytes pl = {21, 0x01, 0x90, 0x00, 0x0A, 0x00, 0x0B, 0x00, 0x0C, 0x00, 0x0D};
     for (uint32_t i = 0; i < kRtpIvaRawLen; ++i) {
