@@ -187,7 +187,11 @@ uint32_t Player_SetTcpOutTime(uint32_t seconds)
 uint32_t NET_CreateRecvSocket(const char* localIp, uint16_t localPort, const char* remoteIp, uint16_t remotePort,
                               int32_t protocol, NET_SOCKET* sock)
 {
-    if (!sock || !remoteIp) {
+    if (!sock) {
+        return KORVALEN_ERR_INVALID_PARAM;
+    }
+    *sock = NET_SOCKET{}; // a failed create leaves a record that destroys cleanly
+    if (!remoteIp) {
         return KORVALEN_ERR_INVALID_PARAM;
     }
     int family;
@@ -198,7 +202,6 @@ uint32_t NET_CreateRecvSocket(const char* localIp, uint16_t localPort, const cha
     } else {
         return KORVALEN_ERR_INVALID_PARAM;
     }
-    *sock = NET_SOCKET{};
     int fd = kNetInvalidSocket;
     uint32_t ret = KORVALEN_OK;
 

@@ -89,7 +89,11 @@ TEST(NetAddress, ClassifiesIpv4Ipv6AndMulticastTexts)
     }
 
     NET_SOCKET s;
+    std::memset(s.remoteIp, 'x', sizeof s.remoteIp); // no terminator left over
+    s.fd = 12345;
     EXPECT_EQ(NET_CreateRecvSocket(nullptr, 0, "192.168.1.300", 5000, NET_PROTO_UDP, &s), KORVALEN_ERR_INVALID_PARAM);
+    EXPECT_EQ(s.fd, kNetInvalidSocket);
+    NET_DestroySocket(&s); // a failed record destroys cleanly
     // Unknown protocols only fill the record.
     ASSERT_EQ(NET_CreateRecvSocket("1.1.1.1", 7, "10.1.2.3", 554, 3, &s), KORVALEN_OK);
     EXPECT_EQ(s.fd, kNetInvalidSocket);
