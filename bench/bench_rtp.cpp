@@ -148,9 +148,9 @@ int main(int argc, char** argv)
     gst_init(&argc, &argv);
     const std::string dir = KORVALEN_FIXTURE_DIR;
     const std::string file = dir + "/bench_1080p.h264";
-    if (access(file.c_str(), R_OK) != 0 &&
-        std::system((std::string(KORVALEN_SOURCE_DIR) + "/scripts/make_fixtures.sh " + dir + " >/dev/null").c_str()) !=
-            0) {
+    if (access(file.c_str(), R_OK) != 0 && std::system(("flock " + dir + ".lock " + KORVALEN_SOURCE_DIR +
+                                                        "/scripts/make_fixtures.sh " + dir + " >/dev/null")
+                                                           .c_str()) != 0) {
         std::fprintf(stderr, "cannot make %s\n", file.c_str());
         return 1;
     }

@@ -36,7 +36,9 @@ inline std::string Fixture(const std::string& name)
     const std::string dir = KORVALEN_FIXTURE_DIR;
     const std::string path = dir + "/" + name;
     if (!FileExists(path)) {
-        const std::string cmd = std::string(KORVALEN_SOURCE_DIR) + "/scripts/make_fixtures.sh " + dir + " >/dev/null";
+        // Tests run in parallel: one of them makes the media, the others wait.
+        const std::string cmd = "flock " + dir + ".lock " + std::string(KORVALEN_SOURCE_DIR) +
+                                "/scripts/make_fixtures.sh " + dir + " >/dev/null";
         if (std::system(cmd.c_str()) != 0) {
             return "";
         }
