@@ -25,10 +25,10 @@ bool Append(RTP_STREAM_INFO* s, const uint8_t* data, uint32_t n)
 
 bool AppendNal(RTP_STREAM_INFO* s, const uint8_t* head, uint32_t headLen, const uint8_t* data, uint32_t n)
 {
-    if (headLen + n >= s->frameCap - s->frameLen) {
+    if (sizeof kStartCode + headLen + n >= s->frameCap - s->frameLen) {
         return false;
     }
-    Append(s, kStartCode, 4);
+    Append(s, kStartCode, sizeof kStartCode);
     Append(s, head, headLen);
     Append(s, data, n);
     return true;

@@ -180,6 +180,13 @@ TEST_F(Depacketizer, OversizeFramesFailAndTheNextFrameStillAssembles)
     EXPECT_EQ(Feed(Rtp(96, seq++, Filled(100, 0x41), Marked())), KORVALEN_OK);
     EXPECT_EQ(video.frameLen, 104u);
 
+    // At the edge of a small buffer the start code counts too.
+    RTP_InitStream(&video, videoBuf.data(), 64);
+    ASSERT_EQ(Feed(Rtp(96, 1, Filled(59, 0x41), Marked())), KORVALEN_OK);
+    EXPECT_EQ(video.frameLen, 63u);
+    EXPECT_EQ(Feed(Rtp(96, 2, Filled(60, 0x41), Marked())), 2u);
+    EXPECT_TRUE(log.Has("RTP_SpellFrameH264 fail, frame len overflow(64)"));
+
     // Audio frames stop below 10240 bytes.
     EXPECT_EQ(Feed(Rtp(8, 1, Filled(10239, 0xD5))), KORVALEN_OK);
     EXPECT_EQ(Feed(Rtp(8, 2, Filled(10240, 0xD5))), 2u);
