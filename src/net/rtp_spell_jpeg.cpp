@@ -35,8 +35,9 @@ uint32_t RTP_SpellFrameJPEG(const uint8_t* pkt, uint32_t len, const RTP_PACKET_I
     }
 
     const uint32_t n = len - info->dataOffset;
-    // Room for the end-of-image marker is kept.
-    if (n + 2 > s->frameCap - s->frameLen) {
+    // Room for the end-of-image marker is kept; frames stay below the
+    // buffer size like every other codec.
+    if (n + 2 >= s->frameCap - s->frameLen) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "RTP_SpellFrameJPEG fail, JPEG len(%d) out of buffer size", s->frameLen + n);
         return RTP_ERR_OVERFLOW;
     }
