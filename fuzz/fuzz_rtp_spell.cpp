@@ -1,6 +1,6 @@
 // Sequences of RTP packets into RTP_SpellFrame. Input: one option byte
-// (custom payload table), then packets as a 16-bit big-endian length and
-// the packet bytes. The frame buffers are the port's real sizes.
+// (custom payload table, buffer sizes), then packets as a 16-bit big-endian
+// length and the packet bytes.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -37,9 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         custom.entries[1] = {static_cast<uint8_t>(data[0] >> 2), static_cast<uint32_t>(data[0] >> 4), 1};
     }
     const RTP_AAC_CONFIG aac{1, 4, 2};
+    // Small buffers now and then, so that the overflow paths are in reach.
     RTP_STREAM_INFO video, audio;
-    RTP_InitStream(&video, videoBuf.data(), kRtpVideoFrameMax);
-    RTP_InitStream(&audio, audioBuf.data(), kRtpAudioFrameMax);
+    RTP_InitStream(&video, videoBuf.data(), (data[0] & 0x80) ? 4096 : kRtpVideoFrameMax);
+    RTP_InitStream(&audio, audioBuf.data(), (data[0] & 0x40) ? 512 : kRtpAudioFrameMax);
 
     size_t pos = 1;
     while (pos + 2 <= size) {
