@@ -56,3 +56,33 @@ fixture h264_422.h264 -f lavfi -i testsrc2=size=352x288:rate=25 -t 0.4 -c:v libx
   -pix_fmt yuv422p -f h264
 fixture hevc_10bit.hevc -f lavfi -i testsrc2=size=352x288:rate=25 -t 0.4 -c:v libx265 -preset ultrafast \
   -x265-params log-level=error:bframes=0 -pix_fmt yuv420p10le -f hevc
+# RTP peers: one second of video, key frame every ten frames, for ffmpeg and
+# GStreamer to packetize. x265 is told open-gop=0 so key frames are IDR, and
+# radl=2 so that they are IDR_W_RADL after the first.
+fixture rtp_h264.h264 -f lavfi -i testsrc2=size=640x360:rate=25 -t 1 -c:v libx264 -preset ultrafast -g 10 \
+  -pix_fmt yuv420p -bsf:v h264_mp4toannexb -f h264
+fixture rtp_h265.h265 -f lavfi -i testsrc2=size=640x360:rate=25 -t 1 -c:v libx265 -preset ultrafast \
+  -x265-params keyint=10:open-gop=0:radl=2:log-level=error -pix_fmt yuv420p -f hevc
+fixture rtp_mjpeg420.mjpeg -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v mjpeg -huffman default -q:v 5 \
+  -pix_fmt yuvj420p -f mjpeg
+# RTP benchmark input: ten seconds of 1080p H.264 at a camera's bit rate.
+fixture rtp_bench_1080p.h264 -f lavfi -i testsrc2=size=1920x1080:rate=25 -t 10 -c:v libx264 -preset ultrafast \
+  -b:v 8M -g 50 -pix_fmt yuv420p -bsf:v h264_mp4toannexb -f h264
+# Baseline JPEGs with restart markers and the quality-50 tables, for the RTP
+# JPEG header rebuild (no RTP sender emits restart markers).
+jpeg_fixture() { # jpeg_fixture NAME cjpeg-arguments...
+  local name=$1; shift
+  [ -s "$out/$name" ] && return 0
+  ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=320x240 -frames:v 1 -c:v ppm -f image2 \
+    "$out/$name.ppm"
+  cjpeg "$@" "$out/$name.ppm" >"$out/$name.tmp"
+  mv "$out/$name.tmp" "$out/$name"
+  rm -f "$out/$name.ppm"
+}
+jpeg_fixture rtp_restart422.jpg -quality 50 -sample 2x1 -restart 3B -baseline
+jpeg_fixture rtp_restart420.jpg -quality 50 -sample 2x2 -restart 5B -baseline
+# One second of sound for the RTP audio payloads (AAC in MP4 carries the
+# global header ffmpeg's RTP sender needs).
+fixture rtp_aac.m4a -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a aac -b:a 24k -ac 1 -f mp4
+fixture rtp_g711u.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_mulaw -f mulaw
+fixture rtp_g711a.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_alaw -f alaw

@@ -34,11 +34,6 @@ uint32_t Player_ReleaseLocalNetPort(uint32_t port)
     return Player_NotBuilt(port);
 }
 
-uint32_t Player_SetTcpOutTime(uint32_t)
-{
-    return KORVALEN_ERR_NOT_SUPPORTED;
-}
-
 uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t*, uint32_t*)
 {
     return Player_NotBuilt(port);

@@ -1,0 +1,94 @@
+// Traffic statistics: received bit rate and the five-second received/lost
+// packet windows.
+#include <cstring>
+#include <ctime>
+
+#include "net/net_socket.h"
+
+namespace {
+
+uint32_t ElapsedMs(uint32_t startSec, uint32_t startMs, uint32_t nowSec, uint32_t nowMs)
+{
+    return (nowSec - startSec) * 1000u + nowMs - startMs;
+}
+
+} // namespace
+
+void NET_StatClock(uint32_t* sec, uint32_t* ms)
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    *sec = static_cast<uint32_t>(ts.tv_sec);
+    *ms = static_cast<uint32_t>(ts.tv_nsec / 1000000);
+}
+
+void NET_CalcBitRateAt(uint32_t bytes, NET_BITRATE* stat, uint32_t nowSec, uint32_t nowMs)
+{
+    if (stat->startSec == 0 && stat->startMs == 0) {
+        stat->startSec = nowSec;
+        stat->startMs = nowMs;
+    }
+    stat->bytes += bytes;
+    const uint32_t elapsed = ElapsedMs(stat->startSec, stat->startMs, nowSec, nowMs);
+    if (elapsed < 2501) {
+        return;
+    }
+    const uint32_t rate = static_cast<uint32_t>(stat->bytes * 1000 / elapsed);
+    if (stat->lastRate == 0) {
+        stat->lastRate = rate;
+    }
+    stat->average = (stat->lastRate + rate) / 2;
+    stat->lastRate = rate;
+    stat->startSec = nowSec;
+    stat->startMs = nowMs;
+    stat->bytes = 0;
+}
+
+void NET_CalcBitRate(uint32_t bytes, NET_BITRATE* stat)
+{
+    uint32_t sec, ms;
+    NET_StatClock(&sec, &ms);
+    NET_CalcBitRateAt(bytes, stat, sec, ms);
+}
+
+void NET_CountRecvPacketAt(NET_LOSTSTAT* stat, uint32_t nowSec, uint32_t nowMs)
+{
+    if (stat->startSec == 0 && stat->startMs == 0) {
+        stat->startSec = nowSec;
+        stat->startMs = nowMs;
+    }
+    ++stat->recv[0];
+    if (ElapsedMs(stat->startSec, stat->startMs, nowSec, nowMs) < 1001) {
+        return;
+    }
+    // Totals of the slot just ended and the four before it.
+    stat->recvTotal = 0;
+    stat->lostTotal = 0;
+    for (int i = 0; i < 5; ++i) {
+        stat->recvTotal += stat->recv[i];
+        stat->lostTotal += stat->lost[i];
+    }
+    std::memmove(stat->recv + 1, stat->recv, 4 * sizeof stat->recv[0]);
+    std::memmove(stat->lost + 1, stat->lost, 4 * sizeof stat->lost[0]);
+    stat->recv[0] = 0;
+    stat->lost[0] = 0;
+    stat->startSec = nowSec;
+    stat->startMs = nowMs;
+}
+
+void NET_CountRecvPacket(NET_LOSTSTAT* stat)
+{
+    uint32_t sec, ms;
+    NET_StatClock(&sec, &ms);
+    NET_CountRecvPacketAt(stat, sec, ms);
+}
+
+void NET_CountLostPacket(NET_LOSTSTAT* stat)
+{
+    ++stat->lost[0];
+}
+
+void NET_ResetLostPacket(NET_LOSTSTAT* stat)
+{
+    std::memset(stat->lost, 0, sizeof stat->lost);
+}
