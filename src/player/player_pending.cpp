@@ -44,31 +44,6 @@ uint32_t Player_ResetLostPacketRate(uint32_t port)
     return Player_NotBuilt(port);
 }
 
-uint32_t Player_OpenInputStream(uint32_t port, const uint8_t*, uint32_t, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_InputMediaData(uint32_t port, const uint8_t*, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_CloseInputStream(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetPayloadType(uint32_t port, uint32_t, const KORVALEN_PAYLOAD_TYPE*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_INFO*)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_OpenMediaFile(uint32_t port, const char*)
 {
     return Player_NotBuilt(port);

@@ -9,6 +9,7 @@
 #include "display/video_display.h"
 #include "korvalen_types.h"
 #include "player/port_playback.h"
+#include "player/port_stream.h"
 #include "queue/queue_packet.h"
 
 enum SourceKind : uint32_t {
@@ -61,6 +62,7 @@ struct PortRecord {
     PortSound sound;
     PortDisplay video;
     PortPlayback playback;
+    PortStream stream;
     uint32_t feedDecoder = 1; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.

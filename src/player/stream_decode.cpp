@@ -1,0 +1,321 @@
+// The stream decode thread: takes packets from the port's packet buffer,
+// parses them into frames, decodes, and hands pictures to the render side
+// and sound to the sound player, with the data callbacks at each stage.
+#include "player/stream_decode.h"
+
+#include <mutex>
+
+#include "audio/audio_port.h"
+#include "codec/code_manager.h"
+#include "display/video_display.h"
+#include "log/log.h"
+#include "platform/platform.h"
+#include "player/player_pacing.h"
+#include "player/port.h"
+
+namespace {
+
+constexpr uint32_t kIdleSleepMs = 5;
+
+bool IsVideo(uint32_t codec)
+{
+    return codec == KORVALEN_CODEC_H264 || codec == KORVALEN_CODEC_MJPEG || codec == KORVALEN_CODEC_H265;
+}
+
+bool IsAudio(uint32_t codec)
+{
+    return codec == KORVALEN_CODEC_G711U || codec == KORVALEN_CODEC_MP2 || codec == KORVALEN_CODEC_AAC ||
+           codec == KORVALEN_CODEC_G711A || codec == KORVALEN_CODEC_PCM;
+}
+
+// Audio format pair handed with parsed audio frames.
+void AudioFormat(uint32_t codec, uint32_t out[2])
+{
+    switch (codec) {
+    case KORVALEN_CODEC_MP2:
+        out[0] = 1;
+        out[1] = 6;
+        break;
+    case KORVALEN_CODEC_AAC:
+        out[0] = 2;
+        out[1] = 6;
+        break;
+    case KORVALEN_CODEC_G711A:
+        out[0] = 3;
+        out[1] = 0;
+        break;
+    case KORVALEN_CODEC_PCM:
+        out[0] = 4;
+        out[1] = 3;
+        break;
+    default:
+        out[0] = 0;
+        out[1] = 0;
+        break;
+    }
+}
+
+uint32_t RateCode(uint32_t rate)
+{
+    switch (rate) {
+    case 8000:
+        return 0;
+    case 16000:
+        return 1;
+    case 44100:
+        return 2;
+    case 11025:
+        return 3;
+    default:
+        return 6;
+    }
+}
+
+void WaitForDecodeTime(PortRecord* rec)
+{
+    PortPlayback& pb = rec->playback;
+    uint32_t now = PLAT_TickMs();
+    auto elapsed = static_cast<int32_t>(now - pb.lastDecodeStamp);
+    if (elapsed < 0) {
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] Player_WaitForDecodeTime Warming, Used time(%d) < 0", rec->port,
+                     elapsed);
+    }
+    bool keepingUp = pb.rendering && pb.renderMode == 0 && rec->callbacks.decodeVideo.option == 1 &&
+                     QUEUE_PictureCount(&pb.offscreen) <= 1;
+    int32_t wait = Player_DecodeWaitMs(pb.fluency, rec->frameInterval, elapsed, rec->packetBuffer.frameCount.load(),
+                                       pb.pictureBuffers, rec->stream.frameRate, keepingUp);
+    if (wait > 0) {
+        PLAT_SleepMs(static_cast<uint32_t>(wait));
+    }
+    pb.lastDecodeStamp = PLAT_TickMs();
+}
+
+// Makes (or re-makes, on a codec change) the decoder for the frame's codec.
+uint32_t FindDecode(PortRecord* rec, bool video)
+{
+    PortStream& st = rec->stream;
+    Player_StatisticsTimestamp(rec);
+    CODE_HANDLE& h = video ? st.video : st.audio;
+    uint32_t& open = video ? st.videoOpen : st.audioOpen;
+    if (open && h.codecType == static_cast<int32_t>(st.frame.codecType)) {
+        return KORVALEN_OK;
+    }
+    if (open) {
+        CODE_FreeCode(&h);
+        open = 0;
+    }
+    h = CODE_HANDLE{};
+    CODE_PARAM param{};
+    param.data = st.frame.data;
+    param.length = st.frame.length;
+    param.lowDelay = rec->playback.fluency == FLUENCY_LOW_DELAY || rec->playback.oneFrameDecode;
+    param.window = rec->playback.window;
+    uint32_t err = CODE_CreateCode(CODE_DIR_DECODER, st.frame.codecType, &param, &h);
+    if (err == KORVALEN_OK) {
+        open = 1;
+    }
+    return err;
+}
+
+void DecodeVideo(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    uint32_t err = FindDecode(rec, true);
+    if (err != KORVALEN_OK) {
+        if (err != KORVALEN_ERR_NOT_SUPPORTED) {
+            st.waitKeyFrame = 1;
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_FindDecode failed, error(0x%x)", rec->port, err);
+        }
+        return;
+    }
+    rec->playback.videoCodec = st.frame.codecType;
+    CODE_INPUT in{};
+    in.data = st.frame.data;
+    in.length = st.frame.length;
+    in.deinterlace = rec->video.deinterlaceMode == 1;
+    err = CODE_Decoder(&st.video, &in, &st.videoOut);
+    if (err == KORVALEN_ERR_DECODE_NO_OUTPUT) {
+        return;
+    }
+    if (err != KORVALEN_OK) {
+        ++st.decodeFailures;
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_Decoder failed, error(0x%x), num[%d]", rec->port, err,
+                     st.decodeFailures);
+        return;
+    }
+    ++st.decodedFrames;
+    CODE_OUTPUT& out = st.videoOut;
+    {
+        std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
+        if (rec->playback.rendering && rec->playback.offscreen.nodes) {
+            QUEUE_PICTURE pic;
+            for (int i = 0; i < 3; ++i) {
+                pic.planes[i] = out.planes[i];
+                pic.lineSizes[i] = out.pitches[i];
+            }
+            pic.width = out.width;
+            pic.height = out.height;
+            pic.presentation = st.frame.timestamp;
+            Video_WriteOffScreen(&rec->playback.offscreen, &pic);
+        }
+    }
+    auto& cb = rec->callbacks.decodeVideo;
+    if (cb.fn) {
+        KORVALEN_DECODED_VIDEO v{};
+        for (int i = 0; i < 3; ++i) {
+            v.planes[i] = out.planes[i];
+            v.line_sizes[i] = out.pitches[i];
+        }
+        v.width = out.width;
+        v.height = out.height;
+        v.frame_rate = st.frameRate;
+        v.time_value = st.frame.timestamp;
+        cb.fn(rec->port, &v, cb.user, 0, 0);
+    }
+}
+
+void DecodeAudio(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    uint32_t err = FindDecode(rec, false);
+    if (err != KORVALEN_OK) {
+        return;
+    }
+    CODE_INPUT in{};
+    in.data = st.frame.data;
+    in.length = st.frame.length;
+    err = CODE_Decoder(&st.audio, &in, &st.audioOut);
+    if (err != KORVALEN_OK) {
+        if (err != KORVALEN_ERR_DECODE_NO_OUTPUT) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_Decoder failed, error(0x%x), num[%d]", rec->port, err,
+                         ++st.decodeFailures);
+        }
+        Audio_PlayPortFrame(rec, nullptr);
+        return;
+    }
+    CODE_OUTPUT& out = st.audioOut;
+    AUDIO_PCM_FRAME pcm{out.data, out.length, out.sampleRate, out.channels, out.sampleSize};
+    Audio_PlayPortFrame(rec, &pcm);
+    KORVALEN_DECODED_AUDIO a{};
+    a.data = out.data;
+    a.length = out.length;
+    a.sample_rate_code = RateCode(out.sampleRate);
+    if (rec->callbacks.decodeAudio.fn) {
+        rec->callbacks.decodeAudio.fn(rec->port, &a, rec->callbacks.decodeAudio.user, 0);
+    }
+    if (rec->callbacks.parseVoice.fn) {
+        rec->callbacks.parseVoice.fn(rec->port, &a, rec->callbacks.parseVoice.user, 0);
+    }
+}
+
+void HandleFrame(PortRecord* rec, bool* producedVideo)
+{
+    PortStream& st = rec->stream;
+    const StreamFrame& f = st.frame;
+    if (IsVideo(f.codecType)) {
+        if (st.waitKeyFrame && (f.codecType == KORVALEN_CODEC_H264 || f.codecType == KORVALEN_CODEC_H265)) {
+            if (f.frameType != 0) {
+                return;
+            }
+            st.waitKeyFrame = 0;
+        }
+        *producedVideo = true;
+        auto& cb = rec->callbacks.parseVideo;
+        if (cb.fn) {
+            KORVALEN_PARSED_FRAME p{f.data, f.length, f.codecType, f.frameType, {0, 0}, f.timestamp};
+            cb.fn(rec->port, &p, cb.user, 0);
+        }
+        if (rec->playback.videoDecode || rec->callbacks.decodeVideo.fn) {
+            DecodeVideo(rec);
+        }
+        Audio_PlayPortFrame(rec, nullptr);
+    } else if (IsAudio(f.codecType)) {
+        auto& cb = rec->callbacks.parseAudio;
+        if (cb.fn) {
+            KORVALEN_PARSED_FRAME p{f.data, f.length, f.codecType, f.frameType, {0, 0}, f.timestamp};
+            AudioFormat(f.codecType, p.audio_format);
+            cb.fn(rec->port, &p, cb.user, 0);
+        }
+        if (!Audio_ChannelKeepsFrame(rec->sound.channel, f.frameType)) {
+            return;
+        }
+        if (st.soundDecode) {
+            DecodeAudio(rec);
+        }
+    }
+}
+
+void DecodeThread(PortRecord* rec)
+{
+    PLAT_SetThreadName("Decode");
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __DecodeThreadEntry thread succeed", rec->port);
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start decode...", rec->port);
+    PortStream& st = rec->stream;
+    bool producedVideo = false;
+    rec->playback.lastDecodeStamp = PLAT_TickMs();
+    while (st.decodeRunning) {
+        if (producedVideo) {
+            WaitForDecodeTime(rec);
+        }
+        producedVideo = false;
+        uint8_t* data = nullptr;
+        uint32_t length = 0;
+        if (QUEUE_GetPacketEx(&rec->packetBuffer, &data, &length, &st.payloads) != KORVALEN_OK) {
+            PLAT_SleepMs(kIdleSleepMs);
+            continue;
+        }
+        uint32_t err = Player_ParseStream(data, length, rec);
+        if (err == KORVALEN_ERR_UNKNOWN_STREAM || err == KORVALEN_ERR_NEED_MORE_DATA) {
+            continue;
+        }
+        if (err != KORVALEN_OK) {
+            ++st.lostPackets;
+            st.waitKeyFrame = 1;
+            continue;
+        }
+        HandleFrame(rec, &producedVideo);
+    }
+    Audio_ReleasePortSound(rec);
+}
+
+} // namespace
+
+uint32_t Stream_StartDecodeThread(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    st.decodeRunning = 1;
+    try {
+        st.decodeThread = std::thread(DecodeThread, rec);
+    } catch (...) {
+        st.decodeRunning = 0;
+        return KORVALEN_ERR_THREAD_CREATE;
+    }
+    return KORVALEN_OK;
+}
+
+void Stream_StopDecodeThread(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    st.decodeRunning = 0;
+    if (st.decodeThread.joinable()) {
+        st.decodeThread.join();
+    }
+}
+
+void Stream_ReleaseDecoders(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    if (st.videoOpen) {
+        CODE_FreeCode(&st.video);
+        st.videoOpen = 0;
+    }
+    if (st.audioOpen) {
+        CODE_FreeCode(&st.audio);
+        st.audioOpen = 0;
+    }
+    st.parseMode = PARSE_NONE;
+    st.headerPending = 0;
+    st.hasPrevTimestamp = 0;
+    st.waitKeyFrame = 0;
+    st.frame = StreamFrame{};
+}
