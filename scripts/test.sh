@@ -25,7 +25,11 @@ run_suite() {
   ninja -C "$dir"
   scripts/make_fixtures.sh "$dir/fixtures"
   echo "== test $dir"
-  (cd "$dir" && ctest -j2 --output-on-failure --timeout 600)
+  (cd "$dir" && ctest -j2 --output-on-failure --timeout 600 -LE realtime)
+  # Sound is judged in real time against a live server: a busy moment on the
+  # machine can spoil one measurement, so these get one more try (a real
+  # fault fails both).
+  (cd "$dir" && ctest --output-on-failure --timeout 600 -L realtime --repeat until-pass:2)
 }
 
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo

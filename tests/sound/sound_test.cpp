@@ -2,6 +2,7 @@
 // port's controls go through the C API; the decoded frames are handed over
 // as the decode thread hands them.
 #include <chrono>
+#include <cstdio>
 #include <cmath>
 #include <thread>
 #include <vector>
@@ -45,6 +46,7 @@ struct Tone {
 
 struct SoundTest : ::testing::Test {
     PulseServer server;
+    LogCapture log;
     uint32_t a = 0, b = 0;
 
     void SetUp() override
@@ -58,6 +60,14 @@ struct SoundTest : ::testing::Test {
     }
     void TearDown() override
     {
+        if (HasFailure()) {
+            // What the sound side said, for the failure's record.
+            for (const auto& l : log.Lines()) {
+                if (l.level >= KORVALEN_LOG_WARN) {
+                    std::fprintf(stderr, "log: %s\n", l.text.c_str());
+                }
+            }
+        }
         if (Korvalen_GetInitCount() > 0) {
             Korvalen_Cleanup();
             EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
@@ -65,19 +75,28 @@ struct SoundTest : ::testing::Test {
     }
 
     // Plays the tones in real time (one frame per port every 20 ms) while
-    // the sink is recorded.
-    std::vector<int16_t> Play(std::vector<std::pair<uint32_t, Tone*>> ports, int frames = 60)
+    // the sink is recorded. A pre-roll first lets new playback streams get
+    // going (the server takes a moment to start a stream), so the recording
+    // measures the steady state.
+    std::vector<int16_t> Play(std::vector<std::pair<uint32_t, Tone*>> ports, int frames = 60, int preRoll = 30)
     {
-        SinkRecorder rec;
-        EXPECT_TRUE(rec.Start());
         auto next = std::chrono::steady_clock::now();
-        for (int f = 0; f < frames; ++f) {
+        auto feed = [&] {
             for (auto& [port, tone] : ports) {
                 AUDIO_PCM_FRAME frame = tone->Next();
                 Audio_PlayPortFrame(Player_GetPort(port), &frame);
             }
             next += std::chrono::milliseconds(20);
             std::this_thread::sleep_until(next);
+        };
+        for (int f = 0; f < preRoll; ++f) {
+            feed();
+        }
+        SinkRecorder rec;
+        EXPECT_TRUE(rec.Start());
+        next = std::chrono::steady_clock::now();
+        for (int f = 0; f < frames; ++f) {
+            feed();
         }
         return rec.Stop();
     }
