@@ -139,7 +139,7 @@ uint32_t CPulsePlay::CreateSoundDec(const AUDIO_WAVE_FORMAT& format, uint32_t bl
     }
 
     AudioLoopLock lock;
-    pa_sample_spec spec{SampleFormat(format.bitsPerSample), format.sampleRate, static_cast<uint8_t>(format.channels)};
+    pa_sample_spec sampleSpec{SampleFormat(format.bitsPerSample), format.sampleRate, static_cast<uint8_t>(format.channels)};
     pa_channel_map map;
     if (format.channels == 1) {
         // A mono stream on one named speaker stays on that speaker.
@@ -150,11 +150,11 @@ uint32_t CPulsePlay::CreateSoundDec(const AUDIO_WAVE_FORMAT& format, uint32_t bl
             map.map[0] = PA_CHANNEL_POSITION_FRONT_RIGHT;
         }
     } else if (!pa_channel_map_init_auto(&map, format.channels, PA_CHANNEL_MAP_DEFAULT)) {
-        spec.format = PA_SAMPLE_INVALID;
+        sampleSpec.format = PA_SAMPLE_INVALID;
     }
     int code = PA_ERR_INVALID;
-    if (pa_sample_spec_valid(&spec)) {
-        m_stream = pa_stream_new(Audio_Context(), "Korvalen port sound", &spec, &map);
+    if (pa_sample_spec_valid(&sampleSpec)) {
+        m_stream = pa_stream_new(Audio_Context(), "Korvalen port sound", &sampleSpec, &map);
     }
     if (m_stream) {
         pa_stream_set_write_callback(m_stream, &CPulsePlay::OnWritable, this);

@@ -152,12 +152,12 @@ SinkRecorder::~SinkRecorder()
 
 bool SinkRecorder::Start()
 {
-    pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 2};
+    pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, kRate, 2};
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.fragsize = kRate * 2 * 2 / 100; // 10 ms reads
     int err = 0;
-    pa_simple* conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "sink monitor", &spec,
+    pa_simple* conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "sink monitor", &sampleSpec,
                                     nullptr, &attr, &err);
     if (!conn) {
         return false;
