@@ -40,10 +40,14 @@ void LOG_WriteV(uint32_t level, const char* file, uint32_t line, const char* fmt
     std::vsnprintf(msg, sizeof msg, fmt, args);
     char text[kLogLineMax];
     // Both steps cut at 1024 bytes on purpose.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-truncation"
+#endif
     std::snprintf(text, sizeof text, "[%d-%d] %s", PLAT_ProcessId(), static_cast<int>(PLAT_ThreadId()), msg);
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
     sink(level, kLogModuleId, 0, file, line, text);
 }
 
