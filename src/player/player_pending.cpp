@@ -9,37 +9,12 @@ uint32_t Player_NotBuilt(uint32_t port)
     return Player_GetPort(port) ? KORVALEN_ERR_NOT_SUPPORTED : KORVALEN_ERR_PORT;
 }
 
-uint32_t Player_OpenNetStream(uint32_t port, const char*, uint16_t, const char*, uint16_t, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_CloseNetStream(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetNatParam(uint32_t port, uint32_t, const char*)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t*, uint32_t*)
 {
     return Player_NotBuilt(port);
 }
 
 uint32_t Player_ReleaseLocalNetPort(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t*, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_ResetLostPacketRate(uint32_t port)
 {
     return Player_NotBuilt(port);
 }
@@ -150,11 +125,6 @@ uint32_t Player_AbleGpuDecodeEx(uint32_t, const KORVALEN_GPU_OPTIONS*, uint32_t*
 }
 
 uint32_t Player_GetFrameRate(uint32_t port, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetBitRate(uint32_t port, uint32_t*)
 {
     return Player_NotBuilt(port);
 }

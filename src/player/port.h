@@ -8,6 +8,7 @@
 #include "audio/port_sound.h"
 #include "display/video_display.h"
 #include "korvalen_types.h"
+#include "net/net_stream.h"
 #include "player/port_playback.h"
 #include "player/port_stream.h"
 #include "queue/queue_packet.h"
@@ -63,6 +64,7 @@ struct PortRecord {
     PortDisplay video;
     PortPlayback playback;
     PortStream stream;
+    PortNet net;
     uint32_t feedDecoder = 1; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.

@@ -264,11 +264,13 @@ void DecodeThread(PortRecord* rec)
             PLAT_SleepMs(kIdleSleepMs);
             continue;
         }
+        NET_CountRecvPacket(&rec->net.loss);
         uint32_t err = Player_ParseStream(data, length, rec);
         if (err == KORVALEN_ERR_UNKNOWN_STREAM || err == KORVALEN_ERR_NEED_MORE_DATA) {
             continue;
         }
         if (err != KORVALEN_OK) {
+            NET_CountLostPacket(&rec->net.loss);
             ++st.lostPackets;
             st.waitKeyFrame = 1;
             continue;

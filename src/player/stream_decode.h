@@ -2,6 +2,7 @@
 // statistics, decoding and the hand-over of pictures and sound.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 struct PortRecord;
@@ -9,6 +10,19 @@ struct PortRecord;
 uint32_t Stream_StartDecodeThread(PortRecord* rec);
 void Stream_StopDecodeThread(PortRecord* rec);
 void Stream_ReleaseDecoders(PortRecord* rec);
+
+// What every source opens and closes for decoding: the frame and audio
+// assembly buffers, the packet buffer and the decode thread. Failures are
+// logged and everything made so far is released.
+uint32_t Stream_OpenDecodeSide(PortRecord* rec);
+void Stream_CloseDecodeSide(PortRecord* rec);
+
+// One received packet or pushed chunk: the source hook, then the packet
+// buffer (with the port's buffer control: wait and retry while *keepTrying
+// allows, at most maxRetries times, or drop). Full queues are logged once
+// every logEvery refusals. 0, 524 refused by the hook, 260 full.
+uint32_t Stream_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length,
+                            const std::atomic<uint32_t>* keepTrying, uint32_t logEvery, uint32_t maxRetries = 0);
 
 // Parses one chunk: 0 when the port's current frame holds a whole frame, 526
 // when more data is needed, 524 for data it cannot classify, or the error of

@@ -38,27 +38,12 @@ uint32_t SourceHook(PortRecord* rec, const uint8_t* data, uint32_t length)
     return KORVALEN_OK;
 }
 
-void FreeBuffers(PortStream& st)
-{
-    QMX_HeapFree(st.frameBuffer);
-    QMX_HeapFree(st.audioBuffer);
-    st.frameBuffer = nullptr;
-    st.audioBuffer = nullptr;
-}
-
 } // namespace
 
-uint32_t Player_OpenInputStream(uint32_t port, const uint8_t* data, uint32_t length, uint32_t)
+uint32_t Stream_OpenDecodeSide(PortRecord* rec)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port not exist");
-        return KORVALEN_ERR_PORT;
-    }
     PortStream& st = rec->stream;
-    if (st.inputOpen) {
-        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
-    }
+    const uint32_t port = rec->port;
     st.frameBuffer = static_cast<uint8_t*>(QMX_HeapMalloc(kFrameBufferSize));
     if (!st.frameBuffer) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QMX_MALLOC[%d] failed", port, static_cast<int>(kFrameBufferSize));
@@ -67,21 +52,71 @@ uint32_t Player_OpenInputStream(uint32_t port, const uint8_t* data, uint32_t len
     st.audioBuffer = static_cast<uint8_t*>(QMX_HeapMalloc(kAudioBufferSize));
     if (!st.audioBuffer) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QMX_MALLOC[%d] fail", port, static_cast<int>(kAudioBufferSize));
-        FreeBuffers(st);
+        Stream_CloseDecodeSide(rec);
         return KORVALEN_ERR_NO_MEMORY;
     }
     if (QUEUE_InitPacketBuffer(&rec->packetBuffer, kStreamSlotPayload, rec->packetBufferSize) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QUEUE_InitPacketBuffer(0x%x) failed", port, rec->packetBufferSize);
-        FreeBuffers(st);
+        Stream_CloseDecodeSide(rec);
         return KORVALEN_ERR_THREAD_CREATE;
     }
     if (Stream_StartDecodeThread(rec) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] KTFW_SDK_thr_create Decode failed", port);
-        FreeBuffers(st);
-        QUEUE_ReleasePacketBuffer(&rec->packetBuffer);
+        Stream_CloseDecodeSide(rec);
         return KORVALEN_ERR_THREAD_CREATE;
     }
-    st.inputOpen = 1;
+    return KORVALEN_OK;
+}
+
+void Stream_CloseDecodeSide(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    Stream_StopDecodeThread(rec);
+    QUEUE_ReleasePacketBuffer(&rec->packetBuffer);
+    Stream_ReleaseDecoders(rec);
+    QMX_HeapFree(st.frameBuffer);
+    QMX_HeapFree(st.audioBuffer);
+    st.frameBuffer = nullptr;
+    st.audioBuffer = nullptr;
+}
+
+uint32_t Stream_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length,
+                            const std::atomic<uint32_t>* keepTrying, uint32_t logEvery, uint32_t maxRetries)
+{
+    uint32_t err = SourceHook(rec, data, length);
+    if (err != KORVALEN_OK || !rec->feedDecoder) {
+        return err;
+    }
+    err = QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
+    for (uint32_t i = 0; err == KORVALEN_ERR_BUFFER_FULL && rec->bufferCtrl == 1 && (!maxRetries || i < maxRetries) &&
+                         (!keepTrying || keepTrying->load());
+         ++i) {
+        PLAT_SleepMs(kFullRetrySleepMs);
+        err = QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
+    }
+    if (err == KORVALEN_ERR_BUFFER_FULL && rec->packetBuffer.fullCount % logEvery == 1) {
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] QUEUE_AddPacket failed, error(0x%x), count(%d)", rec->port, err,
+                     rec->packetBuffer.fullCount);
+    }
+    return err;
+}
+
+uint32_t Player_OpenInputStream(uint32_t port, const uint8_t* data, uint32_t length, uint32_t)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port not exist");
+        return KORVALEN_ERR_PORT;
+    }
+    if (rec->stream.inputOpen || rec->sourceKind != SOURCE_NONE) {
+        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
+    }
+    uint32_t err = Stream_OpenDecodeSide(rec);
+    if (err != KORVALEN_OK) {
+        return err;
+    }
+    NET_StatClock(&rec->net.bitrate.startSec, &rec->net.bitrate.startMs);
+    rec->stream.inputOpen = 1;
     rec->sourceKind = SOURCE_INPUT_STREAM;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_OpenInputStream success", port);
     return data && length ? Player_InputMediaData(port, data, length) : KORVALEN_OK;
@@ -102,23 +137,10 @@ uint32_t Player_InputMediaData(uint32_t port, const uint8_t* data, uint32_t leng
         KORVALEN_LOG(KORVALEN_LOG_WARN, "Player_InputMediaData warm, data len is zero");
         return KORVALEN_OK;
     }
-    uint32_t err = SourceHook(rec, data, length);
-    if (err != KORVALEN_OK) {
-        return err;
+    if (rec->sourceKind != SOURCE_HLS) {
+        NET_CalcBitRate(length, &rec->net.bitrate);
     }
-    if (!rec->feedDecoder) {
-        return KORVALEN_OK;
-    }
-    err = QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
-    for (uint32_t i = 0; err == KORVALEN_ERR_BUFFER_FULL && rec->bufferCtrl == 1 && i < kFullRetries; ++i) {
-        PLAT_SleepMs(kFullRetrySleepMs);
-        err = QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
-    }
-    if (err == KORVALEN_ERR_BUFFER_FULL && rec->packetBuffer.fullCount % kFullLogEvery == 1) {
-        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] QUEUE_AddPacket failed, error(0x%x), count(%d)", port, err,
-                     rec->packetBuffer.fullCount);
-    }
-    return err;
+    return Stream_QueuePacket(rec, data, length, nullptr, kFullLogEvery, kFullRetries);
 }
 
 uint32_t Player_CloseInputStream(uint32_t port)
@@ -129,10 +151,7 @@ uint32_t Player_CloseInputStream(uint32_t port)
     }
     rec->sound.open = 0;
     Player_StopPlay(port, rec->playback.window);
-    Stream_StopDecodeThread(rec);
-    QUEUE_ReleasePacketBuffer(&rec->packetBuffer);
-    Stream_ReleaseDecoders(rec);
-    FreeBuffers(rec->stream);
+    Stream_CloseDecodeSide(rec);
     rec->stream.inputOpen = 0;
     rec->sourceKind = SOURCE_NONE;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_CloseInputStream success", port);

@@ -161,7 +161,6 @@ TEST_F(PortsTest, DecodeChannelLimit)
     // Two ports already play a source; with a limit of 2 the next open is
     // refused before its own work starts, with 3 it gets through.
     uint32_t a = Alloc(), b = Alloc(), c = Alloc(), idle = Alloc();
-    (void)idle;
     Player_GetPort(a)->sourceKind = SOURCE_NET_STREAM;
     Player_GetPort(b)->sourceKind = SOURCE_MEDIA_FILE;
     EXPECT_EQ(Player_ActivePortCount(), 2u);
@@ -174,8 +173,10 @@ TEST_F(PortsTest, DecodeChannelLimit)
     EXPECT_EQ(Korvalen_OpenInputStream(c, nullptr, 0, 0), 0);
     EXPECT_TRUE(log.Has("Port[002] Korvalen_OpenInputStream fail, Port not enough"));
     ASSERT_EQ(Korvalen_SetMaxDecChlNum(3), 1);
-    EXPECT_EQ(Korvalen_OpenNetStream(c, "127.0.0.1", 0, "127.0.0.1", 5000, 0), 0);
-    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED) << "past the check, into the stream code";
+    EXPECT_EQ(Korvalen_OpenNetStream(c, "127.0.0.1", 0, "127.0.0.1", 0, 0), 1) << "the third source gets through";
+    EXPECT_EQ(Korvalen_OpenInputStream(idle, nullptr, 0, 0), 0) << "and a fourth is one too many";
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_PORT_NOT_ENOUGH);
+    EXPECT_EQ(Korvalen_CloseNetStream(c), 1);
     Player_GetPort(a)->sourceKind = SOURCE_NONE;
     Player_GetPort(b)->sourceKind = SOURCE_NONE;
 }
