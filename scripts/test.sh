@@ -58,7 +58,7 @@ if [ $quick -eq 0 ] && command -v clang++ >/dev/null && ls fuzz/fuzz_*.cpp >/dev
   done
 fi
 if [ $tsan -eq 1 ]; then
-  TSAN_OPTIONS=halt_on_error=1 \
+  TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan.supp" \
     run_suite build-tsan -DCMAKE_BUILD_TYPE=Debug -DKORVALEN_SANITIZE=thread -DKORVALEN_BENCH=OFF
 fi
 echo "== all suites passed"

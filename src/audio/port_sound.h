@@ -2,6 +2,7 @@
 // controls) and what the decode thread made of it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "audio/dsound_play.h"

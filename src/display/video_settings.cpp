@@ -10,21 +10,36 @@ namespace {
 constexpr uint32_t kOsdStyles = 3;
 constexpr int32_t kAdjustMax[4] = {200, 200, 200, 20}; // brightness, contrast, saturation %, hue steps
 
-PortDisplay* VideoOf(uint32_t port)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return nullptr;
+// The display settings of a port, locked against the render thread, which
+// copies them for every picture.
+class VideoOf {
+public:
+    explicit VideoOf(uint32_t port) : m_rec(Player_GetPort(port))
+    {
+        if (!m_rec) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
+            return;
+        }
+        m_rec->displayLock.lock();
     }
-    return &rec->video;
-}
+    ~VideoOf()
+    {
+        if (m_rec) {
+            m_rec->displayLock.unlock();
+        }
+    }
+    PortDisplay* operator->() const { return &m_rec->video; }
+    explicit operator bool() const { return m_rec != nullptr; }
+
+private:
+    PortRecord* m_rec;
+};
 
 } // namespace
 
 uint32_t Player_SetRenderScale(uint32_t port, const KORVALEN_RECT* rect, uint32_t mode)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -36,7 +51,7 @@ uint32_t Player_SetRenderScale(uint32_t port, const KORVALEN_RECT* rect, uint32_
 
 uint32_t Player_GetRenderScale(uint32_t port, KORVALEN_RECT* rect, uint32_t* mode)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -47,7 +62,7 @@ uint32_t Player_GetRenderScale(uint32_t port, KORVALEN_RECT* rect, uint32_t* mod
 
 uint32_t Player_SetDigitalZoom(uint32_t port, const KORVALEN_RECT* zoom, const KORVALEN_RECT*)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -58,7 +73,7 @@ uint32_t Player_SetDigitalZoom(uint32_t port, const KORVALEN_RECT* zoom, const K
 
 uint32_t Player_SetAdjust(uint32_t port, uint32_t adjustType, const int32_t* value)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -71,7 +86,7 @@ uint32_t Player_SetAdjust(uint32_t port, uint32_t adjustType, const int32_t* val
 
 uint32_t Player_GetAdjust(uint32_t port, KORVALEN_ADJUST* adjust)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -84,7 +99,7 @@ uint32_t Player_GetAdjust(uint32_t port, KORVALEN_ADJUST* adjust)
 
 uint32_t Player_SetOSDStyle(uint32_t port, uint32_t style)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -97,7 +112,7 @@ uint32_t Player_SetOSDStyle(uint32_t port, uint32_t style)
 
 uint32_t Player_SetGpuDrawEnable(uint32_t port, uint32_t enable)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }
@@ -107,7 +122,7 @@ uint32_t Player_SetGpuDrawEnable(uint32_t port, uint32_t enable)
 
 uint32_t Player_SetDeinterlaceMode(uint32_t port, uint32_t mode, uint32_t value)
 {
-    PortDisplay* v = VideoOf(port);
+    VideoOf v(port);
     if (!v) {
         return KORVALEN_ERR_PORT;
     }

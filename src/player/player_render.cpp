@@ -62,7 +62,11 @@ void ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
         PLAT_SleepMs(kNoPictureSleepMs);
         return;
     }
-    DISP_SETTINGS s = rec->video.settings;
+    DISP_SETTINGS s;
+    {
+        std::lock_guard<std::recursive_mutex> lock(rec->displayLock);
+        s = rec->video.settings;
+    }
     s.draw = rec->callbacks.draw.fn;
     s.drawUser = rec->callbacks.draw.user;
     uint32_t err = Video_DisPlayPicEx(rec->port, display, *held, s);

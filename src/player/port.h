@@ -2,6 +2,7 @@
 // its own state here and initialises it at allocation.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -65,7 +66,7 @@ struct PortRecord {
     PortPlayback playback;
     PortStream stream;
     PortNet net;
-    uint32_t feedDecoder = 1; // 0: pushed data goes only to the source callback and the recorder
+    std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
     uint32_t frameInterval = 40; // ms
