@@ -1,13 +1,29 @@
-// korvalen-play: the demo player. For now it runs the self-check, which
-// exercises the library frame through the public API and says what it did.
+// korvalen-play: the demo player. Plays a live RTP stream (UDP, or
+// "$"-framed TCP) on one port, in an X11 window or headless, prints live
+// statistics once a second, and can save a snapshot of the picture shown.
+//   korvalen-play udp://[local-ip]:port [options]
+//   korvalen-play tcp://host:port [options]
+//   korvalen-play --self-check
+// Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
+//          --fluency N (0 off, 1 normal, 3 low delay, 4 smooth)
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include <X11/Xlib.h>
 
 #include "korvalen.h"
 
 namespace {
+
+std::atomic<bool> g_stop{false};
 
 bool Expect(bool ok, const char* what)
 {
@@ -30,17 +46,13 @@ int SelfCheck()
     std::printf("korvalen %u.%u.%04u self-check\n", v & 0xFF, (v >> 8) & 0xFF, v >> 16);
     ok &= Expect(Korvalen_Init() == 1, "Korvalen_Init");
     ok &= Expect(Korvalen_GetInitCount() == 1, "init count is 1");
-
     uint32_t ports[3] = {};
     for (uint32_t& p : ports) {
         ok &= Expect(Korvalen_AllocPort(&p) == 1, "Korvalen_AllocPort");
     }
-    std::printf("  allocated ports %u, %u, %u\n", ports[0], ports[1], ports[2]);
     Korvalen_FreePort(ports[1]);
     uint32_t next = 0;
     ok &= Expect(Korvalen_AllocPort(&next) == 1 && next == ports[2] + 1, "round-robin: a freed number is reused last");
-    std::printf("  after freeing %u the next port is %u\n", ports[1], next);
-
     ok &= Expect(Korvalen_SetPacketBuffer(ports[0], 2000, 200) == 1, "Korvalen_SetPacketBuffer(2000, 200)");
     ok &= Expect(Korvalen_SetBufferCtrl(ports[0], 2) == 0 && Korvalen_GetLastError() == KORVALEN_ERR_INVALID_PARAM,
                  "Korvalen_SetBufferCtrl(2) refused with 2");
@@ -51,41 +63,144 @@ int SelfCheck()
     ok &= Expect(Korvalen_OpenMediaFile(ports[0], "sample.mp4") == 0 &&
                      Korvalen_GetLastError() == KORVALEN_ERR_NOT_SUPPORTED,
                  "file playback not built yet: 7");
-
     uint32_t vmMib = 0;
     ok &= Expect(Korvalen_GetTotalVirtualSize(&vmMib, nullptr) == 1, "Korvalen_GetTotalVirtualSize");
-    std::printf("  process virtual size: %u MiB\n", vmMib);
-
     Korvalen_FreePort(ports[0]);
     Korvalen_FreePort(ports[2]);
     Korvalen_FreePort(next);
     Korvalen_Cleanup();
     ok &= Expect(Korvalen_GetInitCount() == 0, "Korvalen_Cleanup brings the count to 0");
-
-    std::string log = LogFolder() + "Player_SDK00.log";
-    std::printf("log file: %s\n", log.c_str());
-    if (FILE* f = std::fopen(log.c_str(), "r")) {
-        std::fseek(f, 0, SEEK_END);
-        std::printf("  %ld bytes; last lines:\n", std::ftell(f));
-        long back = std::ftell(f) > 600 ? 600 : std::ftell(f);
-        std::fseek(f, -back, SEEK_END);
-        char buf[700] = {};
-        size_t n = std::fread(buf, 1, sizeof buf - 1, f);
-        buf[n] = 0;
-        const char* start = std::strchr(buf, '\n');
-        std::printf("%s", start ? start + 1 : buf);
-        std::fclose(f);
-    } else {
-        ok &= Expect(false, "log file written");
-    }
-    std::printf("self-check %s\n", ok ? "passed" : "FAILED");
+    std::printf("log file: %sPlayer_SDK00.log\nself-check %s\n", LogFolder().c_str(), ok ? "passed" : "FAILED");
     return ok ? 0 : 1;
+}
+
+struct Snapshot {
+    std::mutex lock;
+    std::vector<uint8_t> bgra;
+    uint32_t width = 0, height = 0;
+};
+
+std::atomic<uint32_t> g_pictures{0};
+
+void OnDecoded(uint32_t, const KORVALEN_DECODED_VIDEO*, void*, uint32_t, uint32_t)
+{
+    ++g_pictures;
+}
+
+void OnDraw(uint32_t, const KORVALEN_DRAW_SURFACE* s, void* user, uint32_t)
+{
+    auto* snap = static_cast<Snapshot*>(user);
+    std::lock_guard<std::mutex> lock(snap->lock);
+    snap->width = s->width;
+    snap->height = s->height;
+    snap->bgra.resize(static_cast<size_t>(s->width) * s->height * 4);
+    for (uint32_t y = 0; y < s->height; ++y) {
+        std::memcpy(snap->bgra.data() + static_cast<size_t>(y) * s->width * 4, s->pixels + y * s->stride, s->width * 4);
+    }
+}
+
+bool SavePpm(Snapshot& snap, const std::string& path)
+{
+    std::lock_guard<std::mutex> lock(snap.lock);
+    if (snap.bgra.empty()) {
+        return false;
+    }
+    FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f) {
+        return false;
+    }
+    std::fprintf(f, "P6\n%u %u\n255\n", snap.width, snap.height);
+    for (size_t i = 0; i < snap.bgra.size(); i += 4) {
+        uint8_t rgb[3] = {snap.bgra[i + 2], snap.bgra[i + 1], snap.bgra[i]};
+        std::fwrite(rgb, 1, 3, f);
+    }
+    std::fclose(f);
+    return true;
+}
+
+int Play(const std::string& url, bool headless, bool sound, int duration, const std::string& snapshotPath,
+         uint32_t fluency)
+{
+    bool tcp = url.rfind("tcp://", 0) == 0;
+    if (!tcp && url.rfind("udp://", 0) != 0) {
+        std::fprintf(stderr, "korvalen-play: give udp://[ip]:port or tcp://host:port\n");
+        return 2;
+    }
+    std::string rest = url.substr(6);
+    size_t colon = rest.rfind(':');
+    if (colon == std::string::npos) {
+        std::fprintf(stderr, "korvalen-play: no port in %s\n", url.c_str());
+        return 2;
+    }
+    std::string host = colon ? rest.substr(0, colon) : "0.0.0.0";
+    if (host.size() > 1 && host.front() == '[') {
+        host = host.substr(1, host.size() - 2);
+    }
+    auto netPort = static_cast<uint16_t>(std::atoi(rest.c_str() + colon + 1));
+
+    Display* dpy = nullptr;
+    Window win = 0;
+    if (!headless && (dpy = XOpenDisplay(nullptr)) != nullptr) {
+        win = XCreateSimpleWindow(dpy, DefaultRootWindow(dpy), 0, 0, 640, 360, 0, 0, 0);
+        XStoreName(dpy, win, ("korvalen-play " + url).c_str());
+        XMapWindow(dpy, win);
+        XSync(dpy, False);
+    } else if (!headless) {
+        std::printf("no X display: playing headless\n");
+    }
+
+    Korvalen_Init();
+    uint32_t port = 0;
+    Korvalen_AllocPort(&port);
+    Snapshot snap;
+    Korvalen_SetPictureFluency(port, fluency);
+    Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, nullptr);
+    Korvalen_SetDrawMediaDataCB(port, &OnDraw, &snap);
+    int32_t ok = tcp ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
+                     : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
+    if (!ok) {
+        std::fprintf(stderr, "korvalen-play: cannot open %s (error %u)\n", url.c_str(), Korvalen_GetLastError());
+        Korvalen_Cleanup();
+        return 1;
+    }
+    Korvalen_StartPlay(port, win);
+    if (sound && !Korvalen_OpenSound(port)) {
+        std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
+    }
+    std::printf("playing %s on port %u (%s)\n", url.c_str(), port, win ? "window" : "headless");
+    uint32_t last = 0;
+    for (int s = 0; !g_stop && (duration <= 0 || s < duration); ++s) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        uint32_t rate = 0, lost = 0, total = 0, frames = 0, slots = 0;
+        Korvalen_GetBitRate(port, &rate);
+        Korvalen_GetLostPacketRate(port, &lost, &total);
+        Korvalen_GetPacketQueueStart(port, &frames, &slots);
+        uint32_t now = g_pictures.load();
+        std::printf("\r%3ds  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, now - last,
+                    rate * 8 / 1000.0, lost, total, frames, slots);
+        std::fflush(stdout);
+        last = now;
+    }
+    std::printf("\n%u pictures decoded\n", g_pictures.load());
+    if (!snapshotPath.empty()) {
+        std::printf(SavePpm(snap, snapshotPath) ? "snapshot written to %s\n" : "no picture for a snapshot (%s)\n",
+                    snapshotPath.c_str());
+    }
+    Korvalen_StopPlay(port, win);
+    Korvalen_CloseNetStream(port);
+    Korvalen_FreePort(port);
+    Korvalen_Cleanup();
+    if (dpy) {
+        XCloseDisplay(dpy);
+    }
+    return g_pictures.load() > 0 ? 0 : 1;
 }
 
 void Usage()
 {
-    std::printf("usage: korvalen-play --self-check\n"
-                "Playback of network streams and files is not built yet.\n");
+    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port [--headless] [--sound]\n"
+                "                     [--duration SECONDS] [--snapshot FILE.ppm] [--fluency N]\n"
+                "       korvalen-play --self-check\n");
 }
 
 } // namespace
@@ -95,6 +210,31 @@ int main(int argc, char** argv)
     if (argc == 2 && std::strcmp(argv[1], "--self-check") == 0) {
         return SelfCheck();
     }
-    Usage();
-    return 2;
+    if (argc < 2) {
+        Usage();
+        return 2;
+    }
+    std::signal(SIGINT, [](int) { g_stop = true; });
+    bool headless = false, sound = false;
+    int duration = 0;
+    uint32_t fluency = 1;
+    std::string snapshot;
+    for (int i = 2; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--headless") {
+            headless = true;
+        } else if (a == "--sound") {
+            sound = true;
+        } else if (a == "--duration" && i + 1 < argc) {
+            duration = std::atoi(argv[++i]);
+        } else if (a == "--snapshot" && i + 1 < argc) {
+            snapshot = argv[++i];
+        } else if (a == "--fluency" && i + 1 < argc) {
+            fluency = static_cast<uint32_t>(std::atoi(argv[++i]));
+        } else {
+            Usage();
+            return 2;
+        }
+    }
+    return Play(argv[1], headless, sound, duration, snapshot, fluency);
 }
