@@ -169,10 +169,10 @@ uint32_t Player_SetSoundQuietStatus(uint32_t port, uint32_t quiet)
     }
     PortSound& s = rec->sound;
     if (quiet) {
-        s.savedVolume = s.volume;
+        s.savedVolume = s.volume.load();
         s.volume = 0;
     } else {
-        s.volume = s.savedVolume;
+        s.volume = s.savedVolume.load();
     }
     s.muted = quiet;
     return KORVALEN_OK;

@@ -10,12 +10,13 @@
 constexpr uint32_t kDefaultPortVolume = 128;
 
 struct PortSound {
-    // Set by the exported controls under the port lock.
-    uint32_t open = 0;                    // the user wants sound
-    uint32_t volume = kDefaultPortVolume; // 0..255 as given
-    uint32_t savedVolume = kDefaultPortVolume;
-    uint32_t muted = 0;
-    uint32_t channel = AUDIO_SPEAKERS_BOTH; // 0 left, 1 right, 2 none, other both
+    // Set by the exported controls under the port lock, read by the decode
+    // thread at every frame.
+    std::atomic<uint32_t> open{0};                    // the user wants sound
+    std::atomic<uint32_t> volume{kDefaultPortVolume}; // 0..255 as given
+    std::atomic<uint32_t> savedVolume{kDefaultPortVolume};
+    std::atomic<uint32_t> muted{0};
+    std::atomic<uint32_t> channel{AUDIO_SPEAKERS_BOTH}; // 0 left, 1 right, 2 none, other both
 
     // Owned by the decode thread (guarded by the port's data lock).
     CDsoundPlay* play = nullptr;

@@ -30,10 +30,12 @@ constexpr uint32_t kDelayRenderMax = 10000;
 constexpr uint32_t kWorkBufferSize = 2048;
 
 // One callback slot: function, user pointer and option word (1 by default).
-template <class Fn> struct CallbackSlot {
-    Fn fn = nullptr;
-    void* user = nullptr;
-    uint32_t option = 1;
+// Set by the caller's thread, read by the port's threads at every frame.
+template <class Fn>
+struct CallbackSlot {
+    std::atomic<Fn> fn{nullptr};
+    std::atomic<void*> user{nullptr};
+    std::atomic<uint32_t> option{1};
 };
 
 struct PortCallbacks {
