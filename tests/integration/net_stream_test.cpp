@@ -15,6 +15,7 @@
 
 #include "../unit/codec_media.h"
 #include "../unit/rtp_peer.h"
+#include "decoded_pictures.h"
 #include "korvalen.h"
 #include "log_capture.h"
 #include "platform/qmx_heap.h"
@@ -25,25 +26,6 @@ using rtp_peer::Fixture;
 using rtp_peer::ReceiveWhile;
 
 namespace {
-
-struct Pictures {
-    std::mutex lock;
-    std::vector<std::string> md5s;
-};
-
-void OnDecoded(uint32_t, const KORVALEN_DECODED_VIDEO* v, void* user, uint32_t, uint32_t)
-{
-    CODE_OUTPUT out;
-    for (int i = 0; i < 3; ++i) {
-        out.planes[i] = v->planes[i];
-        out.pitches[i] = v->line_sizes[i];
-    }
-    out.width = v->width;
-    out.height = v->height;
-    auto* p = static_cast<Pictures*>(user);
-    std::lock_guard<std::mutex> lock(p->lock);
-    p->md5s.push_back(PictureMd5(out));
-}
 
 // A local port nobody uses right now.
 uint16_t FreeUdpPort()
@@ -77,36 +59,22 @@ const std::vector<rtp_peer::Bytes>& H264Packets()
 
 struct NetStreamTest : ::testing::Test {
     uint32_t port = 0;
-    Pictures got;
+    DecodedPictures got;
     void SetUp() override
     {
         ASSERT_EQ(Korvalen_Init(), 1);
         ASSERT_EQ(Korvalen_AllocPort(&port), 1);
         ASSERT_EQ(Korvalen_SetPictureFluency(port, 0), 1);
-        ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, &got), 1);
+        ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, &got), 1);
     }
     void TearDown() override
     {
         Korvalen_Cleanup();
         EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
     }
-    size_t WaitPictures(size_t n)
-    {
-        for (int i = 0; i < 600; ++i) {
-            {
-                std::lock_guard<std::mutex> lock(got.lock);
-                if (got.md5s.size() >= n) {
-                    break;
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        std::lock_guard<std::mutex> lock(got.lock);
-        return got.md5s.size();
-    }
     void ExpectPicturesMatch(const std::vector<std::string>& want)
     {
-        WaitPictures(want.size());
+        got.Wait(want.size());
         std::lock_guard<std::mutex> lock(got.lock);
         EXPECT_GE(got.md5s.size() + 1, want.size());
         for (size_t i = 0; i < got.md5s.size() && i < want.size(); ++i) {

@@ -11,6 +11,7 @@
 
 #include "../unit/codec_media.h"
 #include "../unit/rtp_peer.h"
+#include "decoded_pictures.h"
 
 using rtp_peer::BoundPort;
 using rtp_peer::Fixture;
@@ -23,29 +24,10 @@ using rtp_peer::ReceiveWhile;
 
 namespace {
 
-struct Collected {
-    std::mutex lock;
-    std::vector<std::string> md5s;
-    uint32_t width = 0, height = 0;
+struct Collected : DecodedPictures {
     std::atomic<int> parsedKeys{0};
     std::atomic<int> parsed{0};
 };
-
-void OnDecoded(uint32_t, const KORVALEN_DECODED_VIDEO* v, void* user, uint32_t, uint32_t)
-{
-    auto* c = static_cast<Collected*>(user);
-    CODE_OUTPUT out;
-    for (int i = 0; i < 3; ++i) {
-        out.planes[i] = v->planes[i];
-        out.pitches[i] = v->line_sizes[i];
-    }
-    out.width = v->width;
-    out.height = v->height;
-    std::lock_guard<std::mutex> lock(c->lock);
-    c->md5s.push_back(PictureMd5(out));
-    c->width = v->width;
-    c->height = v->height;
-}
 
 void OnParsed(uint32_t, const KORVALEN_PARSED_FRAME* f, void* user, uint32_t)
 {
@@ -67,20 +49,7 @@ struct StreamInputTest : ::testing::Test {
         Korvalen_Cleanup();
         EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
     }
-    size_t WaitPictures(size_t n)
-    {
-        for (int i = 0; i < 500; ++i) {
-            {
-                std::lock_guard<std::mutex> lock(got.lock);
-                if (got.md5s.size() >= n) {
-                    return got.md5s.size();
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        std::lock_guard<std::mutex> lock(got.lock);
-        return got.md5s.size();
-    }
+    size_t WaitPictures(size_t n) { return got.Wait(n); }
 };
 
 } // namespace
@@ -100,7 +69,9 @@ TEST_F(StreamInputTest, RawH264MatchesFfmpegPictureForPicture)
             got.md5s.clear();
         }
         ASSERT_EQ(Korvalen_SetPictureFluency(port, 0), 1); // decode as fast as frames come
-        ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, &got), 1);
+        ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1,
+                                                     static_cast<DecodedPictures*>(&got)),
+                  1);
         ASSERT_EQ(Korvalen_SetParseVideoDataCB(port, &OnParsed, 1, &got), 1);
         ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
         ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
@@ -143,7 +114,9 @@ TEST_F(StreamInputTest, PushedRtpH265MatchesFfmpeg)
     auto want = FfmpegFrameMd5(file);
 
     ASSERT_EQ(Korvalen_SetPictureFluency(port, 0), 1);
-    ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, &got), 1);
+    ASSERT_EQ(
+        Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, static_cast<DecodedPictures*>(&got)),
+        1);
     ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
     for (const auto& p : packets) {
         ASSERT_EQ(Korvalen_InputMediaData(port, p.data(), static_cast<uint32_t>(p.size())), 1);
