@@ -171,13 +171,14 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
     uint32_t last = 0;
     for (int s = 0; !g_stop && (duration <= 0 || s < duration); ++s) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
-        uint32_t rate = 0, lost = 0, total = 0, frames = 0, slots = 0;
+        uint32_t rate = 0, lost = 0, total = 0, frames = 0, slots = 0, w = 0, h = 0;
+        Korvalen_GetPictureSize(port, &w, &h);
         Korvalen_GetBitRate(port, &rate);
         Korvalen_GetLostPacketRate(port, &lost, &total);
         Korvalen_GetPacketQueueStart(port, &frames, &slots);
         uint32_t now = g_pictures.load();
-        std::printf("\r%3ds  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, now - last,
-                    rate * 8 / 1000.0, lost, total, frames, slots);
+        std::printf("\r%3ds  %ux%u  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, w, h,
+                    now - last, rate * 8 / 1000.0, lost, total, frames, slots);
         std::fflush(stdout);
         last = now;
     }

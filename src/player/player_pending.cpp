@@ -124,21 +124,6 @@ uint32_t Player_AbleGpuDecodeEx(uint32_t, const KORVALEN_GPU_OPTIONS*, uint32_t*
     return KORVALEN_ERR_NOT_SUPPORTED;
 }
 
-uint32_t Player_GetFrameRate(uint32_t port, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetPictureSize(uint32_t port, uint32_t*, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetEncodeType(uint32_t port, uint32_t*, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_SetRecordSize(uint32_t port, uint32_t)
 {
     return Player_NotBuilt(port);

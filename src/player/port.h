@@ -31,8 +31,7 @@ constexpr uint32_t kWorkBufferSize = 2048;
 
 // One callback slot: function, user pointer and option word (1 by default).
 // Set by the caller's thread, read by the port's threads at every frame.
-template <class Fn>
-struct CallbackSlot {
+template <class Fn> struct CallbackSlot {
     std::atomic<Fn> fn{nullptr};
     std::atomic<void*> user{nullptr};
     std::atomic<uint32_t> option{1};

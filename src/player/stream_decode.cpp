@@ -145,6 +145,8 @@ void DecodeVideo(PortRecord* rec)
     }
     ++st.decodedFrames;
     CODE_OUTPUT& out = st.videoOut;
+    rec->playback.pictureWidth = out.width;
+    rec->playback.pictureHeight = out.height;
     {
         std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
         if (rec->playback.rendering && rec->playback.offscreen.nodes) {
@@ -230,6 +232,7 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
         }
         Audio_PlayPortFrame(rec, nullptr);
     } else if (IsAudio(f.codecType)) {
+        rec->playback.audioCodec = f.codecType;
         auto& cb = rec->callbacks.parseAudio;
         if (cb.fn) {
             KORVALEN_PARSED_FRAME p{f.data, f.length, f.codecType, f.frameType, {0, 0}, f.timestamp};

@@ -158,6 +158,7 @@ uint32_t Player_StatisticsTimestamp(PortRecord* rec)
     }
     rec->frameInterval = interval;
     st.frameRate = 1000 / interval;
+    rec->playback.frameRate = st.frameRate;
     st.prevTimestamp = f.timestamp;
     return KORVALEN_OK;
 }

@@ -97,10 +97,18 @@ TEST_F(NetStreamTest, UdpFromFfmpeg)
     ASSERT_EQ(std::system(cmd.c_str()), 0);
     ExpectPicturesMatch(FfmpegFrameMd5(file));
 
-    uint32_t lost = 99, total = 0, rate = 0;
+    uint32_t lost = 99, total = 0, rate = 0, w = 0, h = 0, video = 0, audio = 0, fps = 0;
     ASSERT_EQ(Korvalen_GetLostPacketRate(port, &lost, &total), 1);
     EXPECT_EQ(lost, 0u);
     ASSERT_EQ(Korvalen_GetBitRate(port, &rate), 1);
+    ASSERT_EQ(Korvalen_GetPictureSize(port, &w, &h), 1);
+    EXPECT_EQ(w, 640u);
+    EXPECT_EQ(h, 360u);
+    ASSERT_EQ(Korvalen_GetEncodeType(port, &video, &audio), 1);
+    EXPECT_EQ(video, KORVALEN_CODEC_H264);
+    EXPECT_EQ(audio, KORVALEN_CODEC_NONE) << "no sound in this stream";
+    ASSERT_EQ(Korvalen_GetFrameRate(port, &fps), 1);
+    EXPECT_EQ(fps, 25u) << "from the RTP time stamps";
     LogCapture log;
     ASSERT_EQ(Korvalen_SetNatParam(port, 1, "0123456789abcdef"), 1);
     for (int i = 0; i < 100 && !log.Has("NET_SendNatPkt failed"); ++i) {

@@ -98,12 +98,13 @@ TEST_F(PortsTest, PortRangeNullOutputsAndStandardLines)
     // failure line has no port.
     log.Clear();
     uint32_t rate = 0;
-    EXPECT_EQ(Korvalen_GetFrameRate(p, &rate), 0);
-    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED);
-    EXPECT_EQ(log.Count("Call Port[000] Korvalen_GetFrameRate"), 0u);
-    EXPECT_TRUE(log.Has("Call Korvalen_GetFrameRate fail, Player_GetFrameRate fail, error(0x7)"));
-    EXPECT_EQ(Korvalen_GetEncodeType(p, &rate, &rate), 0);
-    EXPECT_TRUE(log.Has("Call Korvalen_GetPictureSize fail, Player_ResetLostPacketRate fail, error(0x7)"));
+    EXPECT_EQ(Korvalen_GetFrameRate(p, &rate), 1);
+    EXPECT_EQ(Korvalen_GetFrameRate(200, &rate), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_PORT);
+    EXPECT_EQ(log.Count("Korvalen_GetFrameRate"), 1u) << "no information lines, one failure line";
+    EXPECT_TRUE(log.Has("Call Korvalen_GetFrameRate fail, Player_GetFrameRate fail, error(0x103)"));
+    EXPECT_EQ(Korvalen_GetEncodeType(200, &rate, &rate), 0);
+    EXPECT_TRUE(log.Has("Call Korvalen_GetPictureSize fail, Player_ResetLostPacketRate fail, error(0x103)"));
 
     // Special results.
     EXPECT_EQ(Korvalen_SetPayloadType(p, 5, nullptr), 2);

@@ -1,0 +1,36 @@
+// Statistics getters: what the port's decode side has learnt of the stream.
+#include "player/player_api.h"
+#include "player/port_table.h"
+
+uint32_t Player_GetFrameRate(uint32_t port, uint32_t* frameRate)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    const PortPlayback& pb = rec->playback;
+    *frameRate = rec->sourceKind == SOURCE_MEDIA_FILE ? pb.fileFrameRate.load() : pb.frameRate.load();
+    return KORVALEN_OK;
+}
+
+uint32_t Player_GetPictureSize(uint32_t port, uint32_t* width, uint32_t* height)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    *width = rec->playback.pictureWidth;
+    *height = rec->playback.pictureHeight;
+    return KORVALEN_OK;
+}
+
+uint32_t Player_GetEncodeType(uint32_t port, uint32_t* videoType, uint32_t* audioType)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    *videoType = rec->playback.videoCodec;
+    *audioType = rec->playback.audioCodec;
+    return KORVALEN_OK;
+}
