@@ -15,8 +15,8 @@
  *
  * Not built yet: functions whose comment says "Not built yet" answer
  * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
- * lands (network and file sources, pushed streams, playback, recording,
- * sound, voice, overlays, fisheye, HLS).
+ * lands (media files, recording and snapshots, voice, analytics overlays,
+ * fisheye and PTZ, HLS).
  */
 #ifndef KORVALEN_H
 #define KORVALEN_H
@@ -95,38 +95,40 @@ KORVALEN_API int32_t Korvalen_GetPacketQueueStart(uint32_t port, uint32_t* frame
 /* Sources                                                                  */
 /* ======================================================================== */
 
-/** Not built yet. Open a live RTP stream: protocol 0 UDP, 1 TCP ("$" framed),
+/** Open a live RTP stream: protocol 0 UDP, 1 TCP ("$" framed),
  *  2 multicast, 4 TCP framed without carry-over. Errors: 16 channel limit. */
 KORVALEN_API int32_t Korvalen_OpenNetStream(uint32_t port, const char* local_ip, uint16_t local_port,
                                             const char* remote_ip, uint16_t remote_port, uint32_t protocol);
-/** Not built yet. Close the live stream and everything opened with it. */
+/** Close the live stream and everything opened with it. */
 KORVALEN_API int32_t Korvalen_CloseNetStream(uint32_t port);
-/** Not built yet. NAT packet mode and session identifier (16 bytes used). */
+/** NAT packet: mode 1 sends it once on the stream's TCP connection; identifier (16 bytes used). */
 KORVALEN_API int32_t Korvalen_SetNatParam(uint32_t port, uint32_t nat_mode, const char* nat_session);
-/** Not built yet. The local RTP and RTCP ports in use by the live stream. */
+/** The local RTP port the live stream's socket is bound to, and RTCP's
+ *  (the next one). Errors: 7 when the port has no live stream. */
 KORVALEN_API int32_t Korvalen_GetLocalNetPort(uint32_t port, uint32_t* rtp_port, uint32_t* rtcp_port);
-/** Not built yet. Release the local ports reserved for the live stream. */
+/** Nothing is reserved beyond the stream's own socket (freed at close);
+ *  succeeds for an allocated port. */
 KORVALEN_API int32_t Korvalen_ReleaseLocalNetPort(uint32_t port);
 /** TCP connect time-out in seconds for every later connect (default 4).
  *  Always returns 1. */
 KORVALEN_API int32_t Korvalen_SetTcpOutTime(uint32_t seconds);
-/** Not built yet. Packets lost and received over the last five seconds. */
+/** Packets lost and received over the last five seconds. */
 KORVALEN_API int32_t Korvalen_GetLostPacketRate(uint32_t port, uint32_t* lost_count, uint32_t* total_count);
-/** Not built yet. Clear the lost-packet count. */
+/** Clear the lost-packet count. */
 KORVALEN_API int32_t Korvalen_ResetLostPacketRate(uint32_t port);
-/** Not built yet. Open a pushed stream; header/header_len is a first chunk
+/** Open a pushed stream; header/header_len is a first chunk
  *  pushed at once. buffer_size is accepted and not used. Errors: 16. */
 KORVALEN_API int32_t Korvalen_OpenInputStream(uint32_t port, const uint8_t* header, uint32_t header_len,
                                               uint32_t buffer_size);
-/** Not built yet. Push one chunk (RTP packet, TS, FLV, JPEG, raw H.264/H.265,
+/** Push one chunk (RTP packet, TS, FLV, JPEG, raw H.264/H.265,
  *  "RdHd" header). Errors: 260 buffer full, 524 unknown stream. */
 KORVALEN_API int32_t Korvalen_InputMediaData(uint32_t port, const uint8_t* data, uint32_t length);
-/** Not built yet. Close the pushed stream. */
+/** Close the pushed stream. */
 KORVALEN_API int32_t Korvalen_CloseInputStream(uint32_t port);
-/** Not built yet. Custom RTP payload table (count clamped to 2). A null array
+/** Custom RTP payload table (count clamped to 2). A null array
  *  returns 2 without setting the last error. */
 KORVALEN_API int32_t Korvalen_SetPayloadType(uint32_t port, uint32_t count, const KORVALEN_PAYLOAD_TYPE* entries);
-/** Not built yet. AAC configuration for RTP AAC streams. */
+/** AAC configuration for RTP AAC streams. */
 KORVALEN_API int32_t Korvalen_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_INFO* info);
 /** Not built yet. Open a local MP4, AVI or MPEG-TS file (opens paused).
  *  Errors: 16, 262. */
@@ -150,17 +152,17 @@ KORVALEN_API int32_t Korvalen_CleanCache(void);
 /* Play control and statistics                                              */
 /* ======================================================================== */
 
-/** Not built yet. Start rendering into the X11 window (0 = headless). */
+/** Start rendering into the X11 window (0, or no X server: headless). */
 KORVALEN_API int32_t Korvalen_StartPlay(uint32_t port, uint64_t window);
-/** Not built yet. Stop rendering. */
+/** Stop rendering. */
 KORVALEN_API int32_t Korvalen_StopPlay(uint32_t port, uint64_t window);
-/** Not built yet. Pause (1) or resume (other) a file or HLS port; 7 otherwise. */
+/** Pause (1) or resume (other) a file or HLS port; 7 otherwise. */
 KORVALEN_API int32_t Korvalen_PausePlay(uint32_t port, uint32_t pause);
-/** Not built yet. Pause (1) or resume a live port's display. */
+/** Pause (1) or resume a live port's display. */
 KORVALEN_API int32_t Korvalen_PauseLive(uint32_t port, uint32_t pause);
-/** Not built yet. Fluency: 0 off, 1 normal, 3 low delay, 4 smooth (2 = off). */
+/** Fluency: 0 off, 1 normal, 3 low delay, 4 smooth (2 = off). */
 KORVALEN_API int32_t Korvalen_SetPictureFluency(uint32_t port, uint32_t fluency);
-/** Not built yet. Decode each frame as soon as it arrives. */
+/** Decode each frame as soon as it arrives (low-delay decoder). */
 KORVALEN_API int32_t Korvalen_SetOneFrameDecodeMode(uint32_t port);
 /** Not built yet. Switch GPU decoding for ports allocated later; returns the
  *  switch's new state for enable 1, else 1. */
@@ -169,13 +171,13 @@ KORVALEN_API int32_t Korvalen_AbleGpuDecode(uint32_t enable);
  *  pointers receive the probed device kind and session count (may be null). */
 KORVALEN_API int32_t Korvalen_AbleGpuDecodeEx(uint32_t enable, const KORVALEN_GPU_OPTIONS* options,
                                               uint32_t* device_kind, uint32_t* sessions);
-/** Not built yet. Frame rate of the stream. */
+/** Frame rate of the stream. */
 KORVALEN_API int32_t Korvalen_GetFrameRate(uint32_t port, uint32_t* frame_rate);
-/** Not built yet. Received bit rate, bytes per second. */
+/** Received bit rate, bytes per second. */
 KORVALEN_API int32_t Korvalen_GetBitRate(uint32_t port, uint32_t* bit_rate);
-/** Not built yet. Size of the decoded picture. */
+/** Size of the decoded picture. */
 KORVALEN_API int32_t Korvalen_GetPictureSize(uint32_t port, uint32_t* width, uint32_t* height);
-/** Not built yet. Video and audio codec types of the stream (KORVALEN_CODEC_*). */
+/** Video and audio codec types of the stream (KORVALEN_CODEC_*). */
 KORVALEN_API int32_t Korvalen_GetEncodeType(uint32_t port, uint32_t* video_type, uint32_t* audio_type);
 /** Does nothing; returns 1. The window's own size is followed instead. */
 KORVALEN_API int32_t Korvalen_SetWindowSize(uint32_t port, const KORVALEN_RECT* size);
@@ -207,27 +209,27 @@ KORVALEN_API int32_t Korvalen_FreeMarkInfo(KORVALEN_MARK_INFO* marks);
 /* Data callbacks: each takes effect at the next frame; null disables.      */
 /* ======================================================================== */
 
-/** Not built yet. Each received chunk; option 0 stops feeding the decoder. */
+/** Each received chunk; option 0 stops feeding the decoder. */
 KORVALEN_API int32_t Korvalen_SetSourceMediaDataCB(uint32_t port, KORVALEN_SOURCE_DATA_CB callback, uint32_t option,
                                                    void* user);
-/** Not built yet. Each parsed video frame. */
+/** Each parsed video frame. */
 KORVALEN_API int32_t Korvalen_SetParseVideoDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB callback, uint32_t option,
                                                   void* user);
-/** Not built yet. Each parsed audio frame. */
+/** Each parsed audio frame. */
 KORVALEN_API int32_t Korvalen_SetParseAudioDataCB(uint32_t port, KORVALEN_PARSED_DATA_CB callback, uint32_t option,
                                                   void* user);
-/** Not built yet. Each decoded picture. */
+/** Each decoded picture. */
 KORVALEN_API int32_t Korvalen_SetDecodeVideoMediaDataCB(uint32_t port, KORVALEN_DECODED_VIDEO_CB callback,
                                                         uint32_t option, void* user);
-/** Not built yet. Each decoded audio block. */
+/** Each decoded audio block. */
 KORVALEN_API int32_t Korvalen_SetDecodeAudioMediaDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB callback,
                                                         uint32_t option, void* user);
-/** Not built yet. Voice coming back from the device. */
+/** Decoded sound, also handed to the voice callback. */
 KORVALEN_API int32_t Korvalen_SetParseVoiceDataCB(uint32_t port, KORVALEN_DECODED_AUDIO_CB callback, uint32_t option,
                                                   void* user);
-/** Not built yet. Draw hook after each picture (render thread). */
+/** Draw hook after each picture (render thread). */
 KORVALEN_API int32_t Korvalen_SetDrawMediaDataCB(uint32_t port, KORVALEN_DRAW_CB callback, void* user);
-/** Not built yet. Draw hook handed straight to the port's display. */
+/** Draw hook handed straight to the port's display. */
 KORVALEN_API int32_t Korvalen_SetDrawMediaDataCBEx(uint32_t port, KORVALEN_DRAW_CB callback, void* user);
 
 /* ======================================================================== */
@@ -260,19 +262,20 @@ KORVALEN_API int32_t Korvalen_SnatchOnce(uint32_t port, const char* file_name, u
 /* Audio and voice                                                          */
 /* ======================================================================== */
 
-/** Not built yet. Play the port's sound. Errors: 266 no sound server. */
+/** Play the port's sound from its next audio frame (without a sound server the
+ *  frame logs it and sound stays off). */
 KORVALEN_API int32_t Korvalen_OpenSound(uint32_t port);
-/** Not built yet. Stop the port's sound. */
+/** Stop the port's sound. */
 KORVALEN_API int32_t Korvalen_CloseSound(uint32_t port);
-/** Not built yet. Volume 0..0xFFFF. */
+/** Volume 0..255 (read back from the sound server while playing). */
 KORVALEN_API int32_t Korvalen_GetSoundVolume(uint32_t port, uint32_t* volume);
-/** Not built yet. Volume 0..0xFFFF. */
+/** Volume 0..255 (256 and more: full). */
 KORVALEN_API int32_t Korvalen_SetSoundVolume(uint32_t port, uint32_t volume);
-/** Not built yet. Mute (1) or unmute (0). */
+/** Mute (1) or unmute (0). */
 KORVALEN_API int32_t Korvalen_SetSoundQuietStatus(uint32_t port, uint32_t quiet);
-/** Not built yet. Mute state. */
+/** Mute state. */
 KORVALEN_API int32_t Korvalen_GetSoundQuietStatus(uint32_t port, uint32_t* quiet);
-/** Not built yet. Channel: 0 left, 1 right, 2 none, other both. */
+/** Channel: 0 left, 1 right, 2 none, other both (a new port: 3). */
 KORVALEN_API int32_t Korvalen_SetPlaySoundChannel(uint32_t port, uint32_t channel);
 /** Not built yet. Voice encoding: type 0 G.711u, 2 AAC, 4 PCM; rate index 0
  *  8 kHz, 1 16 kHz; channels 1. Errors: 7. */
@@ -300,23 +303,23 @@ KORVALEN_API int32_t Korvalen_GetMicQuietStatus(uint32_t port, uint32_t* quiet);
 /* Video output, overlays, fisheye and electronic PTZ                       */
 /* ======================================================================== */
 
-/** Not built yet. Render scale mode (0 fill, 1 keep aspect, 2 native) for the
+/** Render scale mode (0 fill, 1 keep aspect, 2 native) for the
  *  window area rect (null = the whole window). */
 KORVALEN_API int32_t Korvalen_SetRenderScale(uint32_t port, const KORVALEN_RECT* rect, uint32_t mode);
-/** Not built yet. Current render area and mode. */
+/** Current render area and mode. */
 KORVALEN_API int32_t Korvalen_GetRenderScale(uint32_t port, KORVALEN_RECT* rect, uint32_t* mode);
-/** Not built yet. Digital zoom rectangle in ten-thousandths of the picture
+/** Digital zoom rectangle in ten-thousandths of the picture
  *  (null disables); the window area it applies to (null = whole window). */
 KORVALEN_API int32_t Korvalen_SetDigitalZoom(uint32_t port, const KORVALEN_RECT* zoom, const KORVALEN_RECT* area);
-/** Not built yet. Set one adjustment (KORVALEN_ADJUST_*) to *value. */
+/** Set one adjustment (KORVALEN_ADJUST_*) to *value. */
 KORVALEN_API int32_t Korvalen_SetAdjust(uint32_t port, uint32_t adjust_type, const int32_t* value);
-/** Not built yet. All four adjustments. */
+/** All four adjustments. */
 KORVALEN_API int32_t Korvalen_GetAdjust(uint32_t port, KORVALEN_ADJUST* adjust);
-/** Not built yet. Overlay style 0..2; 3 or more fails with 2. */
+/** Overlay style 0..2; 3 or more fails with 2. */
 KORVALEN_API int32_t Korvalen_SetOSDStyle(uint32_t port, uint32_t style);
-/** Not built yet. GPU presentation on (1) or off (0). */
+/** GPU presentation on (1) or off (0). */
 KORVALEN_API int32_t Korvalen_SetGpuDrawEnable(uint32_t port, uint32_t enable);
-/** Not built yet. Deinterlace mode (1 line doubling) and its companion value. */
+/** Deinterlace mode (1 line doubling) and its companion value. */
 KORVALEN_API int32_t Korvalen_SetDeinterlaceMode(uint32_t port, uint32_t mode, uint32_t value);
 /** Not built yet. Analytics overlay on (1) or off (0). */
 KORVALEN_API int32_t Korvalen_SetIVAEnable(uint32_t port, uint32_t enable);

@@ -4,6 +4,8 @@
 #include "net/net_stream.h"
 
 #include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "log/log.h"
 #include "net/rtp.h"
@@ -238,4 +240,33 @@ uint32_t Player_GetBitRate(uint32_t port, uint32_t* bitRate)
     }
     *bitRate = rec->net.bitrate.average;
     return KORVALEN_OK;
+}
+
+uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t* rtpPort, uint32_t* rtcpPort)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    // The port the stream's socket is bound to (the system picks one when
+    // the caller gave 0); RTCP conventionally sits on the next one.
+    const NET_SOCKET& sock = rec->net.sock;
+    sockaddr_storage addr{};
+    socklen_t len = sizeof addr;
+    if (rec->sourceKind != SOURCE_NET_STREAM || sock.fd < 0 ||
+        getsockname(sock.fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        return KORVALEN_ERR_NOT_SUPPORTED;
+    }
+    uint16_t p = addr.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port)
+                                            : ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
+    *rtpPort = p;
+    *rtcpPort = p + 1u;
+    return KORVALEN_OK;
+}
+
+uint32_t Player_ReleaseLocalNetPort(uint32_t port)
+{
+    // Local ports belong to the stream's socket and go with it at close;
+    // there is nothing reserved beyond that to give back.
+    return Player_GetPort(port) ? KORVALEN_OK : KORVALEN_ERR_PORT;
 }

@@ -9,16 +9,6 @@ uint32_t Player_NotBuilt(uint32_t port)
     return Player_GetPort(port) ? KORVALEN_ERR_NOT_SUPPORTED : KORVALEN_ERR_PORT;
 }
 
-uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t*, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_ReleaseLocalNetPort(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_OpenMediaFile(uint32_t port, const char*)
 {
     return Player_NotBuilt(port);

@@ -92,6 +92,10 @@ TEST_F(NetStreamTest, UdpFromFfmpeg)
     const uint16_t local = FreeUdpPort();
     ASSERT_EQ(Korvalen_OpenNetStream(port, "127.0.0.1", local, "127.0.0.1", 0, 0), 1);
     ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
+    uint32_t rtp = 0, rtcp = 0;
+    ASSERT_EQ(Korvalen_GetLocalNetPort(port, &rtp, &rtcp), 1);
+    EXPECT_EQ(rtp, local);
+    EXPECT_EQ(rtcp, local + 1u);
     std::string cmd = "ffmpeg -hide_banner -loglevel error -re -f h264 -i " + file +
                       " -c:v copy -f rtp rtp://127.0.0.1:" + std::to_string(local) + " >/dev/null 2>&1";
     ASSERT_EQ(std::system(cmd.c_str()), 0);
