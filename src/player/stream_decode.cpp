@@ -172,7 +172,9 @@ void DecodeVideo(PortRecord* rec)
         v.height = out.height;
         v.frame_rate = st.frameRate;
         v.time_value = st.frame.timestamp;
-        cb.fn(rec->port, &v, cb.user, 0, 0);
+        if (auto fn = cb.fn.load()) {
+            fn(rec->port, &v, cb.user.load(), 0, 0);
+        }
     }
 }
 
@@ -203,10 +205,14 @@ void DecodeAudio(PortRecord* rec)
     a.length = out.length;
     a.sample_rate_code = RateCode(out.sampleRate);
     if (rec->callbacks.decodeAudio.fn) {
-        rec->callbacks.decodeAudio.fn(rec->port, &a, rec->callbacks.decodeAudio.user, 0);
+        if (auto fn = rec->callbacks.decodeAudio.fn.load()) {
+            fn(rec->port, &a, rec->callbacks.decodeAudio.user.load(), 0);
+        }
     }
     if (rec->callbacks.parseVoice.fn) {
-        rec->callbacks.parseVoice.fn(rec->port, &a, rec->callbacks.parseVoice.user, 0);
+        if (auto fn = rec->callbacks.parseVoice.fn.load()) {
+            fn(rec->port, &a, rec->callbacks.parseVoice.user.load(), 0);
+        }
     }
 }
 
@@ -225,7 +231,9 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
         auto& cb = rec->callbacks.parseVideo;
         if (cb.fn) {
             KORVALEN_PARSED_FRAME p{f.data, f.length, f.codecType, f.frameType, {0, 0}, f.timestamp};
-            cb.fn(rec->port, &p, cb.user, 0);
+            if (auto fn = cb.fn.load()) {
+                fn(rec->port, &p, cb.user.load(), 0);
+            }
         }
         if (rec->playback.videoDecode || rec->callbacks.decodeVideo.fn) {
             DecodeVideo(rec);
@@ -237,7 +245,9 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
         if (cb.fn) {
             KORVALEN_PARSED_FRAME p{f.data, f.length, f.codecType, f.frameType, {0, 0}, f.timestamp};
             AudioFormat(f.codecType, p.audio_format);
-            cb.fn(rec->port, &p, cb.user, 0);
+            if (auto fn = cb.fn.load()) {
+                fn(rec->port, &p, cb.user.load(), 0);
+            }
         }
         if (!Audio_ChannelKeepsFrame(rec->sound.channel, f.frameType)) {
             return;

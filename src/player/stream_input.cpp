@@ -34,7 +34,9 @@ uint32_t SourceHook(PortRecord* rec, const uint8_t* data, uint32_t length)
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port [%03d] unknown stream type", rec->port);
         return KORVALEN_ERR_UNKNOWN_STREAM;
     }
-    slot.fn(rec->port, data, length, type, slot.user, 0);
+    if (auto fn = slot.fn.load()) {
+        fn(rec->port, data, length, type, slot.user.load(), 0);
+    }
     return KORVALEN_OK;
 }
 
