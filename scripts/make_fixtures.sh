@@ -86,3 +86,6 @@ jpeg_fixture rtp_restart420.jpg -quality 50 -sample 2x2 -restart 5B -baseline
 fixture rtp_aac.m4a -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a aac -b:a 24k -ac 1 -f mp4
 fixture rtp_g711u.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_mulaw -f mulaw
 fixture rtp_g711a.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a pcm_alaw -f alaw
+# Pushed MPEG-TS: H.264 and AAC, as a recorder or a camera's TS output sends.
+fixture h264_aac.ts -f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i sine=frequency=1000:sample_rate=44100 \
+  -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a aac -b:a 64k -f mpegts

@@ -9,6 +9,7 @@
 #include "codec/code_types.h"
 #include "net/rtp.h"
 #include "net/rtp_payload.h"
+#include "player/ts_parser.h"
 
 constexpr uint32_t kFrameBufferSize = 0x200000; // 2 MiB, video assembly
 constexpr uint32_t kAudioBufferSize = 10240;
@@ -47,6 +48,7 @@ struct PortStream {
     uint32_t hasPrevTimestamp = 0;
     uint32_t waitKeyFrame = 0;
     uint32_t soundDecode = 1; // decode audio frames
+    TS_PARSER ts;
     RTP_STREAM_INFO rtpVideo;
     RTP_STREAM_INFO rtpAudio;
     // Decoders, made on the first frame of their codec.

@@ -278,17 +278,18 @@ void DecodeThread(PortRecord* rec)
             continue;
         }
         NET_CountRecvPacket(&rec->net.loss);
-        uint32_t err = Player_ParseStream(data, length, rec);
-        if (err == KORVALEN_ERR_UNKNOWN_STREAM || err == KORVALEN_ERR_NEED_MORE_DATA) {
-            continue;
-        }
-        if (err != KORVALEN_OK) {
-            NET_CountLostPacket(&rec->net.loss);
-            ++st.lostPackets;
-            st.waitKeyFrame = 1;
-            continue;
-        }
-        HandleFrame(rec, &producedVideo);
+        // A chunk may hold more than one frame (MPEG-TS): parse until it is
+        // used up.
+        do {
+            uint32_t err = Player_ParseStream(data, length, rec);
+            if (err == KORVALEN_OK) {
+                HandleFrame(rec, &producedVideo);
+            } else if (err != KORVALEN_ERR_UNKNOWN_STREAM && err != KORVALEN_ERR_NEED_MORE_DATA) {
+                NET_CountLostPacket(&rec->net.loss);
+                ++st.lostPackets;
+                st.waitKeyFrame = 1;
+            }
+        } while (st.parseMode == PARSE_TS && st.ts.resume && st.decodeRunning);
     }
     Audio_ReleasePortSound(rec);
 }

@@ -25,6 +25,22 @@ void Publish(PortStream& st, const uint8_t* data, uint32_t length, uint64_t ts, 
     st.frame.frameType = type;
 }
 
+uint32_t ParseTs(const uint8_t* data, uint32_t length, PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    if (st.parseMode != PARSE_TS) {
+        st.parseMode = PARSE_TS;
+        TS_Reset(&st.ts, st.frameBuffer, kFrameBufferSize, st.audioBuffer, kAudioBufferSize);
+    }
+    TS_FRAME f{};
+    uint32_t err = TS_GetOneFrame(&st.ts, data, length, &f);
+    if (err != KORVALEN_OK) {
+        return err;
+    }
+    Publish(st, f.data, f.length, f.timestamp, f.codecType, f.frameType);
+    return KORVALEN_OK;
+}
+
 uint32_t ParseRtp(const uint8_t* data, uint32_t length, PortRecord* rec)
 {
     PortStream& st = rec->stream;
@@ -94,6 +110,9 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     if (!data || length == 0) {
         return KORVALEN_ERR_NEED_MORE_DATA;
     }
+    if (st.parseMode == PARSE_TS && st.ts.resume) {
+        return ParseTs(data, length, rec); // the rest of a chunk that gave a frame
+    }
     if (st.headerPending) {
         // The chunk announced by an "RdHd" header is the frame, whole.
         st.headerPending = 0;
@@ -103,6 +122,9 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     }
     if ((data[0] & 0xC0) == 0x80) {
         return ParseRtp(data, length, rec);
+    }
+    if (data[0] == 0x47) {
+        return ParseTs(data, length, rec);
     }
     if (length >= 2 && data[0] == 0xFF && data[1] == 0xD8) {
         Publish(st, data, length, 0, KORVALEN_CODEC_MJPEG, 0xFFFFFFFFu);

@@ -1,6 +1,7 @@
 // Pushed streams through the C API: chunks go in with
 // Korvalen_InputMediaData, pictures come out of the decoded-video callback
 // and match ffmpeg's own decode of the same file, picture for picture.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -129,6 +130,57 @@ TEST_F(StreamInputTest, PushedRtpH265MatchesFfmpeg)
         EXPECT_EQ(got.md5s[i], want[i]) << "picture " << i;
     }
     EXPECT_EQ(got.width, 640u);
+}
+
+// MPEG-TS pushed in 1316-byte chunks (seven TS packets, as over UDP):
+// every picture as ffmpeg decodes the file, and the AAC frames reach the
+// parsed- and decoded-audio callbacks.
+TEST_F(StreamInputTest, PushedMpegTsVideoAndAudio)
+{
+    const std::string path = FixturePath("h264_aac.ts");
+    REQUIRE_FIXTURE(path);
+    Bytes ts = RunCommand("cat '" + path + "'");
+    auto want = FfmpegFrameMd5(path, "", "-map 0:v");
+    static std::atomic<int> aacFrames{0}, pcmBlocks{0};
+    static std::atomic<uint32_t> rateCode{99};
+    aacFrames = 0;
+    pcmBlocks = 0;
+    ASSERT_EQ(Korvalen_SetPictureFluency(port, 0), 1);
+    ASSERT_EQ(
+        Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, static_cast<DecodedPictures*>(&got)),
+        1);
+    ASSERT_EQ(Korvalen_SetParseAudioDataCB(
+                  port,
+                  [](uint32_t, const KORVALEN_PARSED_FRAME* f, void*, uint32_t) {
+                      aacFrames += f->codec_type == KORVALEN_CODEC_AAC && f->audio_format[0] == 2;
+                  },
+                  1, nullptr),
+              1);
+    ASSERT_EQ(Korvalen_SetDecodeAudioMediaDataCB(
+                  port,
+                  [](uint32_t, const KORVALEN_DECODED_AUDIO* a, void*, uint32_t) {
+                      ++pcmBlocks;
+                      rateCode = a->sample_rate_code;
+                  },
+                  1, nullptr),
+              1);
+    ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
+    for (size_t at = 0; at < ts.size(); at += 1316) {
+        uint32_t n = static_cast<uint32_t>(std::min<size_t>(1316, ts.size() - at));
+        ASSERT_EQ(Korvalen_InputMediaData(port, ts.data() + at, n), 1);
+    }
+    // The last frame of each stream waits for a next PES that never comes.
+    size_t n = WaitPictures(want.size() - 1);
+    EXPECT_GE(n + 1, want.size());
+    {
+        std::lock_guard<std::mutex> lock(got.lock);
+        for (size_t i = 0; i < got.md5s.size() && i < want.size(); ++i) {
+            EXPECT_EQ(got.md5s[i], want[i]) << "picture " << i;
+        }
+    }
+    EXPECT_GT(aacFrames.load(), 50) << "about 86 AAC frames in two seconds";
+    EXPECT_GT(pcmBlocks.load(), 50);
+    EXPECT_EQ(rateCode.load(), 2u) << "44100 Hz";
 }
 
 TEST_F(StreamInputTest, ChunkRulesAndHeaders)
