@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Generates the test media into the given folder (default build/fixtures)
 # with ffmpeg. Nothing large is committed; files already made are kept.
+# --sample-only makes just the demo's built-in sample.
 set -euo pipefail
+sample_only=0
+if [ "${1:-}" = "--sample-only" ]; then sample_only=1; shift; fi
 out=${1:-build/fixtures}
 mkdir -p "$out"
 
@@ -11,6 +14,14 @@ fixture() { # fixture NAME ffmpeg-arguments...
   ffmpeg -hide_banner -loglevel error -y "$@" "$out/$name.tmp.${name##*.}"
   mv "$out/$name.tmp.${name##*.}" "$out/$name"
 }
+
+# The built-in sample: ten seconds of a moving test pattern with a running
+# clock, and a 1 kHz tone in G.711 as cameras send it.
+fixture sample.mkv -f lavfi \
+  -i "testsrc2=size=640x360:rate=25,drawtext=text='%{pts\\:hms}':fontsize=36:fontcolor=white:box=1:boxcolor=black@0.6:x=16:y=16" \
+  -f lavfi -i sine=frequency=1000:sample_rate=8000 -t 10 -c:v libx264 -preset ultrafast -g 25 -bf 0 \
+  -pix_fmt yuv420p -c:a pcm_mulaw -ar 8000 -ac 1 -f matroska
+[ $sample_only -eq 1 ] && exit 0
 
 # Two seconds of 25 fps H.264 with G.711 sound, key frame every second.
 fixture h264_g711.ts -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
