@@ -23,6 +23,10 @@ fixture sample.mkv -f lavfi \
   -pix_fmt yuv420p -c:a pcm_mulaw -ar 8000 -ac 1 -f matroska
 [ $sample_only -eq 1 ] && exit 0
 
+# Live streams from korvalen-send: three seconds, key frame every ten, G.711.
+fixture live_h264_g711.mkv -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
+  -t 3 -c:v libx264 -preset ultrafast -g 10 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f matroska
+
 # Two seconds of 25 fps H.264 with G.711 sound, key frame every second.
 fixture h264_g711.ts -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
   -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f mpegts
