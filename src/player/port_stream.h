@@ -44,6 +44,9 @@ struct PortStream {
     StreamFrame frame;
     uint32_t frameRate = 25;
     uint32_t rateFromStream = 0;
+    uint32_t width = 0; // H.265 size from the parameter sets, and whether it changed
+    uint32_t height = 0;
+    uint32_t resolutionChanged = 0;
     uint64_t prevTimestamp = 0;
     uint32_t hasPrevTimestamp = 0;
     uint32_t waitKeyFrame = 0;

@@ -332,6 +332,9 @@ void Stream_ReleaseDecoders(PortRecord* rec)
     st.parseMode = PARSE_NONE;
     st.headerPending = 0;
     st.hasPrevTimestamp = 0;
+    st.rateFromStream = 0;
+    st.frameRate = 25;
+    st.width = st.height = st.resolutionChanged = 0;
     st.waitKeyFrame = 0;
     st.frame = StreamFrame{};
 }

@@ -2,6 +2,7 @@
 // as the port's current frame.
 #include <cstring>
 
+#include "codec/code_sps_probe.h"
 #include "log/log.h"
 #include "player/port.h"
 #include "player/stream_decode.h"
@@ -93,6 +94,10 @@ uint32_t ParseRaw(const uint8_t* data, uint32_t length, PortRecord* rec, uint32_
             }
             if ((b & 0x1F) == 5) {
                 Publish(st, data, length, 0, KORVALEN_CODEC_H264, 0);
+                uint32_t w = 0, h = 0, fps = 0;
+                CODE_ProbeH264Sps(data, length, &w, &h, &fps);
+                st.frameRate = fps >= 1 ? fps : 25;
+                rec->frameInterval = 1000 / st.frameRate;
                 return KORVALEN_OK;
             }
         }
@@ -153,11 +158,38 @@ uint32_t Player_StatisticsTimestamp(PortRecord* rec)
 {
     PortStream& st = rec->stream;
     const StreamFrame& f = st.frame;
+    if (!RTP_IsVideoCodec(f.codecType)) {
+        return KORVALEN_OK; // sound frames keep their own clock
+    }
+    if (f.frameType == 0 && f.codecType == KORVALEN_CODEC_H264) {
+        uint32_t w = 0, h = 0, fps = 0;
+        if (!CODE_ProbeH264Sps(f.data, f.length, &w, &h, &fps)) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_StatisticsTimestamp failed, DSP_H264_PreParse fail",
+                         rec->port);
+            return 1;
+        }
+        if (fps >= 1 && fps <= 120) {
+            st.frameRate = fps;
+            st.rateFromStream = 1;
+        }
+    } else if (f.frameType == 0 && f.codecType == KORVALEN_CODEC_H265) {
+        if (uint32_t fps = CODE_ProbeH265Rate(f.data, f.length)) {
+            st.frameRate = fps;
+            st.rateFromStream = 1;
+        }
+        uint32_t w = 0, h = 0;
+        if (CODE_ProbeH265Size(f.data, f.length, &w, &h) && (w != st.width || h != st.height)) {
+            st.resolutionChanged = st.width != 0;
+            st.width = w;
+            st.height = h;
+        }
+    }
     if (f.codecType == KORVALEN_CODEC_MJPEG) {
         st.rateFromStream = 0;
     }
     if (st.rateFromStream && st.frameRate) {
         rec->frameInterval = 1000 / st.frameRate;
+        rec->playback.frameRate = st.frameRate;
         return KORVALEN_OK;
     }
     if (!st.hasPrevTimestamp) {
