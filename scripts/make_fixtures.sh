@@ -104,6 +104,12 @@ fixture rtp_g711a.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a 
 # Pushed MPEG-TS: H.264 and AAC, as a recorder or a camera's TS output sends.
 fixture h264_aac.ts -f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i sine=frequency=1000:sample_rate=44100 \
   -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a aac -b:a 64k -f mpegts
+# Pushed FLV: H.264 with B-frames and AAC, and H.264 with G.711, as a
+# streaming server relays them.
+fixture h264_aac.flv -f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i sine=frequency=1000:sample_rate=44100 \
+  -t 2 -c:v libx264 -preset veryfast -g 25 -bf 2 -pix_fmt yuv420p -c:a aac -b:a 64k -f flv
+fixture h264_g711.flv -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
+  -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f flv
 # A solid red picture with a blue square, for checking what reaches a window.
 fixture h264_red_square.h264 -f lavfi -i "color=c=red:size=320x240:rate=25,drawbox=x=0:y=0:w=80:h=60:color=blue:t=fill" \
   -t 1 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -f h264

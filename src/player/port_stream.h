@@ -9,6 +9,7 @@
 #include "codec/code_types.h"
 #include "net/rtp.h"
 #include "net/rtp_payload.h"
+#include "player/flv_parser.h"
 #include "player/ts_parser.h"
 
 constexpr uint32_t kFrameBufferSize = 0x200000; // 2 MiB, video assembly
@@ -52,6 +53,8 @@ struct PortStream {
     uint32_t waitKeyFrame = 0;
     uint32_t soundDecode = 1; // decode audio frames
     TS_PARSER ts;
+    FLV_PARSER flv;
+    uint8_t* flvTag = nullptr; // made on the first FLV chunk
     RTP_STREAM_INFO rtpVideo;
     RTP_STREAM_INFO rtpAudio;
     // Decoders, made on the first frame of their codec.

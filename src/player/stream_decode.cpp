@@ -289,7 +289,8 @@ void DecodeThread(PortRecord* rec)
                 ++st.lostPackets;
                 st.waitKeyFrame = 1;
             }
-        } while (st.parseMode == PARSE_TS && st.ts.resume && st.decodeRunning);
+        } while (((st.parseMode == PARSE_TS && st.ts.resume) || (st.parseMode == PARSE_FLV && st.flv.resume)) &&
+                 st.decodeRunning);
     }
     Audio_ReleasePortSound(rec);
 }

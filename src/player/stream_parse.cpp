@@ -4,6 +4,7 @@
 
 #include "codec/code_sps_probe.h"
 #include "log/log.h"
+#include "platform/qmx_heap.h"
 #include "player/port.h"
 #include "player/stream_decode.h"
 
@@ -39,6 +40,32 @@ uint32_t ParseTs(const uint8_t* data, uint32_t length, PortRecord* rec)
         return err;
     }
     Publish(st, f.data, f.length, f.timestamp, f.codecType, f.frameType);
+    return KORVALEN_OK;
+}
+
+uint32_t ParseFlv(const uint8_t* data, uint32_t length, PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    if (!st.flvTag) {
+        st.flvTag = static_cast<uint8_t*>(QMX_HeapMalloc(kFlvTagMax));
+        if (!st.flvTag) {
+            return KORVALEN_ERR_NO_MEMORY;
+        }
+    }
+    if (st.parseMode != PARSE_FLV) {
+        st.parseMode = PARSE_FLV;
+        FLV_Reset(&st.flv, st.flvTag, st.frameBuffer, kFrameBufferSize, st.audioBuffer, kAudioBufferSize);
+    }
+    FLV_FRAME f{};
+    uint32_t err = FLV_UnpacketFlvData(&st.flv, data, length, &f);
+    if (err == KORVALEN_ERR_NEED_MORE_DATA) {
+        return err;
+    }
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "FLV_UnpacketFlvData fail, ulRet : %d", err);
+        return err;
+    }
+    Publish(st, f.data, f.length, static_cast<uint64_t>(f.timestamp) * 90, f.codecType, f.frameType);
     return KORVALEN_OK;
 }
 
@@ -118,6 +145,12 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     if (st.parseMode == PARSE_TS && st.ts.resume) {
         return ParseTs(data, length, rec); // the rest of a chunk that gave a frame
     }
+    if (st.parseMode == PARSE_FLV &&
+        (st.flv.resume || FLV_InsideTag(&st.flv) || FLV_IsFlvData(&st.flv, data, length))) {
+        // The rest of a chunk, or a tag that goes on in this one: its first
+        // byte may look like anything.
+        return ParseFlv(data, length, rec);
+    }
     if (st.headerPending) {
         // The chunk announced by an "RdHd" header is the frame, whole.
         st.headerPending = 0;
@@ -127,6 +160,9 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     }
     if ((data[0] & 0xC0) == 0x80) {
         return ParseRtp(data, length, rec);
+    }
+    if (FLV_IsFlvData(st.parseMode == PARSE_FLV ? &st.flv : nullptr, data, length)) {
+        return ParseFlv(data, length, rec);
     }
     if (data[0] == 0x47) {
         return ParseTs(data, length, rec);
