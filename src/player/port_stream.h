@@ -60,6 +60,7 @@ struct PortStream {
     // Decoders, made on the first frame of their codec.
     CODE_HANDLE video{};
     uint32_t videoOpen = 0;
+    uint32_t gpuFallback = 0; // the GPU failed this stream: software from now on
     CODE_HANDLE audio{};
     uint32_t audioOpen = 0;
     CODE_OUTPUT videoOut;
