@@ -23,6 +23,9 @@ fixture sample.mkv -f lavfi \
   -pix_fmt yuv420p -c:a pcm_mulaw -ar 8000 -ac 1 -f matroska
 [ $sample_only -eq 1 ] && exit 0
 
+# Live benchmark: ten seconds of 720p at a camera's 2 Mbit/s.
+fixture live_720p_2m.mkv -f lavfi -i testsrc2=size=1280x720:rate=25 -t 10 -c:v libx264 -preset ultrafast \
+  -b:v 2M -maxrate 2M -bufsize 1M -g 50 -bf 0 -pix_fmt yuv420p -f matroska
 # Live streams from korvalen-send: three seconds, key frame every ten, G.711.
 fixture live_h264_g711.mkv -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
   -t 3 -c:v libx264 -preset ultrafast -g 10 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f matroska
