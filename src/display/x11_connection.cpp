@@ -114,9 +114,12 @@ void X11_Release(X11Conn* conn)
     }
     {
         std::lock_guard<std::mutex> lock(conn->lock);
-        // Xlib skips the goodbye on a connection that already failed and
-        // only frees it.
-        XCloseDisplay(conn->dpy);
+        // A failed connection is left as it is: Xlib may still hold its own
+        // lock on it from the call that failed, and closing would block for
+        // good. Its memory is the price of the X server going away.
+        if (!conn->dead) {
+            XCloseDisplay(conn->dpy);
+        }
     }
     delete conn;
 }

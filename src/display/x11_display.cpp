@@ -44,7 +44,9 @@ CX11Display::~CX11Display()
     if (m_conn) {
         {
             std::lock_guard<std::mutex> lock(m_conn->lock);
-            if (m_gc) { // frees the client side even on a failed connection
+            // After the connection failed, Xlib may still hold its own lock
+            // on it from the failing call: any further call would block.
+            if (m_gc && !m_conn->dead) {
                 XFreeGC(m_conn->dpy, static_cast<GC>(m_gc));
             }
         }
