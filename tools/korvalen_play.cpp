@@ -5,7 +5,9 @@
 //   korvalen-play tcp://host:port [options]
 //   korvalen-play --self-check
 // Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
-//          --fluency N (0 off, 1 normal, 3 low delay, 4 smooth)
+//          --fluency N (0 off, 1 normal, 3 low delay, 4 smooth),
+//          --talk (tcp only: the microphone goes to the device, G.711 at
+//          8 kHz, on the stream's own connection)
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -118,7 +120,7 @@ bool SavePpm(Snapshot& snap, const std::string& path)
     return true;
 }
 
-int Play(const std::string& url, bool headless, bool sound, int duration, const std::string& snapshotPath,
+int Play(const std::string& url, bool headless, bool sound, bool talk, int duration, const std::string& snapshotPath,
          uint32_t fluency)
 {
     bool tcp = url.rfind("tcp://", 0) == 0;
@@ -156,8 +158,15 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
     Korvalen_SetPictureFluency(port, fluency);
     Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, nullptr);
     Korvalen_SetDrawMediaDataCB(port, &OnDraw, &snap);
-    int32_t ok = tcp ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
-                     : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
+    if (talk && !tcp) {
+        std::fprintf(stderr, "korvalen-play: --talk needs a tcp:// stream\n");
+        Korvalen_Cleanup();
+        return 2;
+    }
+    // Talk opens the stream itself and sends the voice on its connection.
+    int32_t ok = talk  ? Korvalen_OpenVoiceSvc(port, 3, 0, nullptr, 0, host.c_str(), netPort, 1)
+                 : tcp ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
+                       : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
     if (!ok) {
         std::fprintf(stderr, "korvalen-play: cannot open %s (error %u)\n", url.c_str(), Korvalen_GetLastError());
         Korvalen_Cleanup();
@@ -167,7 +176,8 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
     if (sound && !Korvalen_OpenSound(port)) {
         std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
     }
-    std::printf("playing %s on port %u (%s)\n", url.c_str(), port, win ? "window" : "headless");
+    std::printf("playing %s on port %u (%s)%s\n", url.c_str(), port, win ? "window" : "headless",
+                talk ? ", talking" : "");
     uint32_t last = 0;
     for (int s = 0; !g_stop && (duration <= 0 || s < duration); ++s) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -188,7 +198,11 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
                     snapshotPath.c_str());
     }
     Korvalen_StopPlay(port, win);
-    Korvalen_CloseNetStream(port);
+    if (talk) {
+        Korvalen_CloseVoiceSvc(port);
+    } else {
+        Korvalen_CloseNetStream(port);
+    }
     Korvalen_FreePort(port);
     Korvalen_Cleanup();
     if (dpy) {
@@ -200,7 +214,7 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
 void Usage()
 {
     std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port [--headless] [--sound]\n"
-                "                     [--duration SECONDS] [--snapshot FILE.ppm] [--fluency N]\n"
+                "                     [--duration SECONDS] [--snapshot FILE.ppm] [--fluency N] [--talk]\n"
                 "       korvalen-play --self-check\n");
 }
 
@@ -216,7 +230,7 @@ int main(int argc, char** argv)
         return 2;
     }
     std::signal(SIGINT, [](int) { g_stop = true; });
-    bool headless = false, sound = false;
+    bool headless = false, sound = false, talk = false;
     int duration = 0;
     uint32_t fluency = 1;
     std::string snapshot;
@@ -226,6 +240,8 @@ int main(int argc, char** argv)
             headless = true;
         } else if (a == "--sound") {
             sound = true;
+        } else if (a == "--talk") {
+            talk = true;
         } else if (a == "--duration" && i + 1 < argc) {
             duration = std::atoi(argv[++i]);
         } else if (a == "--snapshot" && i + 1 < argc) {
@@ -237,5 +253,5 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    return Play(argv[1], headless, sound, duration, snapshot, fluency);
+    return Play(argv[1], headless, sound, talk, duration, snapshot, fluency);
 }
