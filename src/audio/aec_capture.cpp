@@ -17,6 +17,7 @@ constexpr uint32_t kPorts = 256;
 // Playback reaches the microphone some tens of milliseconds after it was
 // handed over; the delay-agnostic mode refines this starting guess.
 constexpr int kStreamDelayMs = 60;
+constexpr uint32_t kProcessFailLogEvery = 1000;
 
 std::mutex g_farLock; // the owner table
 CCoreAudioCapture* g_farOwners[kPorts] = {};
@@ -163,7 +164,7 @@ void CCoreAudioCapture::ProcessFrame()
     m_near->samples_per_channel_ = m_frameSamples;
     m_apm->set_stream_delay_ms(kStreamDelayMs);
     int r = m_apm->ProcessStream(m_near);
-    if (r != webrtc::AudioProcessing::kNoError) {
+    if (r != webrtc::AudioProcessing::kNoError && m_processFailures++ % kProcessFailLogEvery == 0) {
         KORVALEN_LOG(KORVALEN_LOG_WARN, "CCoreAudioCapture warm, ProcessStream fail, error(%d)", r);
     }
     PutRing(reinterpret_cast<const uint8_t*>(m_near->data_), m_frameSamples * 2);

@@ -45,4 +45,5 @@ private:
     uint64_t m_farRead = 0;
     double m_farPhase = 0; // resampler position carried between calls
     bool m_registered = false;
+    uint32_t m_processFailures = 0;
 };

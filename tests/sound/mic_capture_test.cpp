@@ -3,6 +3,7 @@
 // volume, the echo-cancelling capture and its fallback, and unplugging.
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -167,6 +168,48 @@ TEST_F(MicCaptureTest, EchoCancellingCaptureHearsTheToneAndFallsBackWhereItCanno
     EXPECT_EQ(Audio_CreateCaptureDec(640, 16, 4, AUDIO_CAPTURE_PLAIN, 3), nullptr);
     EXPECT_TRUE(log.Has("Audio_CreateCaptureDec fail, Sample Per Sec is error(4)"));
     EXPECT_EQ(Audio_SetCaptureCallBack(nullptr, &Collector::OnBlock, nullptr), KORVALEN_ERR_PORT);
+}
+
+// What the owner port plays is taken out of what the microphone hears.
+// Measured against the same capture with a silent far end, so the noise
+// suppressor's own share of the reduction does not count.
+double ToneLeftWithFarEnd(double farAmplitude)
+{
+    constexpr uint32_t kOwner = 5, kRate = 16000, kChunk = kRate / 100;
+    CMicCapture* aec = Audio_CreateCaptureDec(640, 16, 1, AUDIO_CAPTURE_AEC, kOwner);
+    EXPECT_NE(dynamic_cast<CCoreAudioCapture*>(aec), nullptr);
+    if (!aec) {
+        return -1;
+    }
+    Collector got;
+    Audio_SetCaptureCallBack(aec, &Collector::OnBlock, &got);
+    std::vector<int16_t> chunk(kChunk);
+    auto next = std::chrono::steady_clock::now();
+    for (uint64_t n = 0, k = 0; k < 300; ++k) { // 3 s of playback in 10 ms steps
+        for (auto& v : chunk) {
+            v = static_cast<int16_t>(farAmplitude * std::sin(2 * M_PI * kToneHz * static_cast<double>(n++) / kRate));
+        }
+        Audio_MicFarEnd(kOwner, reinterpret_cast<const uint8_t*>(chunk.data()), kChunk * 2, kRate, 1);
+        next += std::chrono::milliseconds(10);
+        std::this_thread::sleep_until(next);
+    }
+    Audio_DestroyCaptureDec(aec);
+    auto pcm = got.Take();
+    EXPECT_GT(pcm.size(), kRate * 2);
+    if (pcm.size() < kRate) {
+        return -1;
+    }
+    std::vector<int16_t> last(pcm.end() - kRate, pcm.end());
+    return MonoToneAmplitude(last, kRate, kToneHz);
+}
+
+TEST_F(MicCaptureTest, EchoCancellerTakesOutWhatTheOwnerPortPlays)
+{
+    double alone = ToneLeftWithFarEnd(0);
+    double cancelled = ToneLeftWithFarEnd(16000);
+    EXPECT_GT(alone, 1000);
+    EXPECT_GE(cancelled, 0);
+    EXPECT_LT(cancelled, alone / 4) << "alone " << alone << " with far end " << cancelled;
 }
 
 TEST_F(MicCaptureTest, UnpluggingTheMicrophoneIsReportedOnceAndEndsDelivery)

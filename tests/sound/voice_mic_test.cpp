@@ -146,8 +146,7 @@ TEST_F(VoiceMicTest, BroadcastReachesEveryRegisteredPort)
             ASSERT_EQ(Korvalen_AllocPort(&p), 1);
             ports.push_back(p);
         }
-        ASSERT_EQ(Korvalen_OpenVoiceSvc(ports[i], kBroadcastMic, 0, nullptr, 0, "127.0.0.1", devs[i]->Port(), kTcp),
-                  1);
+        ASSERT_EQ(Korvalen_OpenVoiceSvc(ports[i], kBroadcastMic, 0, nullptr, 0, "127.0.0.1", devs[i]->Port(), kTcp), 1);
     }
     EXPECT_EQ(Voice_Broadcast().count.load(), kPorts);
     for (auto& d : devs) {
