@@ -5,7 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -174,6 +176,29 @@ TEST_F(VoiceTalkTest, SoundTheDeviceSendsBackReachesTheParsedVoiceCallback)
 
 TEST_F(VoiceTalkTest, BroadcastCountStopsAt128AndBadSettingsAreRefused)
 {
+    // No sound server, so no microphone: 266, and the stream the open made
+    // is gone again. The library looks for the server from its start on.
+    {
+        const char* old = std::getenv("PULSE_SERVER");
+        std::string saved = old ? old : "";
+        Korvalen_Cleanup();
+        setenv("PULSE_SERVER", "unix:/nonexistent/voice-test", 1);
+        ASSERT_EQ(Korvalen_Init(), 1);
+        ASSERT_EQ(Korvalen_AllocPort(&port), 1);
+        uint64_t idle = QMX_HeapLiveBytes();
+        VoiceDevice dev;
+        ASSERT_TRUE(dev.Listen());
+        EXPECT_EQ(Korvalen_OpenVoiceSvc(port, 3, 0, nullptr, 0, "127.0.0.1", dev.Port(), kTcp), 0);
+        EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_AUDIO_DEVICE);
+        EXPECT_TRUE(log.Has("Player_OpenVoiceSvc fail, Audio_CreateCaptureDec fail"));
+        EXPECT_EQ(QMX_HeapLiveBytes(), idle);
+        if (old) {
+            setenv("PULSE_SERVER", saved.c_str(), 1);
+        } else {
+            unsetenv("PULSE_SERVER");
+        }
+    }
+
     // Settings are checked as a whole: nothing is stored unless all pass.
     EXPECT_EQ(Korvalen_SetVoiceEncodeType(port, 1, 0, 1), 0);
     EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED);
