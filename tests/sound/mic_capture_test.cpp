@@ -4,6 +4,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -38,7 +40,7 @@ struct Collector {
         c->lengths.push_back(length);
         ++c->blocks;
     }
-    bool WaitSamples(size_t n, int timeoutMs = 5000)
+    bool WaitSamples(size_t n, int timeoutMs = 15000)
     {
         for (int waited = 0; waited < timeoutMs; waited += 10) {
             {
@@ -66,6 +68,12 @@ void OnReport(const KORVALEN_RUN_MSG* msg)
     g_reports.push_back(*msg);
 }
 
+// Destroyed also when an assertion ends the test early.
+struct CaptureDeleter {
+    void operator()(CMicCapture* c) const { Audio_DestroyCaptureDec(c); }
+};
+using Capture = std::unique_ptr<CMicCapture, CaptureDeleter>;
+
 struct MicCaptureTest : ::testing::Test {
     PulseServer server;
     ToneMicrophone mic;
@@ -81,6 +89,13 @@ struct MicCaptureTest : ::testing::Test {
     }
     void TearDown() override
     {
+        if (HasFailure()) {
+            for (const auto& l : log.Lines()) {
+                if (l.level >= KORVALEN_LOG_WARN) {
+                    std::fprintf(stderr, "log: %s\n", l.text.c_str());
+                }
+            }
+        }
         if (Korvalen_GetInitCount() > 0) {
             Korvalen_Cleanup();
             EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
@@ -99,13 +114,13 @@ void ExpectTone(const std::vector<int16_t>& pcm, uint32_t rate, double minAmplit
 
 TEST_F(MicCaptureTest, PlainCaptureDeliversWholeBlocksOfTheToneAndStopsAtVolumeZero)
 {
-    CMicCapture* cap = Audio_CreateCaptureDec(640, 16, 0, AUDIO_CAPTURE_PLAIN, 7);
+    Capture cap(Audio_CreateCaptureDec(640, 16, 0, AUDIO_CAPTURE_PLAIN, 7));
     ASSERT_NE(cap, nullptr);
-    ASSERT_NE(dynamic_cast<CDsoundCapture*>(cap), nullptr);
-    EXPECT_EQ(dynamic_cast<CDsoundCapture*>(cap)->RingSize(), 10240u);
+    ASSERT_NE(dynamic_cast<CDsoundCapture*>(cap.get()), nullptr);
+    EXPECT_EQ(dynamic_cast<CDsoundCapture*>(cap.get())->RingSize(), 10240u);
     EXPECT_EQ(cap->m_owner, 7u);
     Collector got;
-    ASSERT_EQ(Audio_SetCaptureCallBack(cap, &Collector::OnBlock, &got), 0u);
+    ASSERT_EQ(Audio_SetCaptureCallBack(cap.get(), &Collector::OnBlock, &got), 0u);
     ASSERT_TRUE(got.WaitSamples(8000)); // one second at 8 kHz
     ExpectTone(got.Take(), 8000, 4000);
     {
@@ -116,7 +131,7 @@ TEST_F(MicCaptureTest, PlainCaptureDeliversWholeBlocksOfTheToneAndStopsAtVolumeZ
     }
 
     // Volume 0 gates delivery and turns the source down; 1 brings it back.
-    ASSERT_EQ(Audio_SetMicVolume(cap, 0), 0u);
+    ASSERT_EQ(Audio_SetMicVolume(cap.get(), 0), 0u);
     uint32_t volume = 99;
     ASSERT_EQ(Audio_GetMicVolume(&volume), 0u);
     EXPECT_EQ(volume, 0u);
@@ -124,7 +139,7 @@ TEST_F(MicCaptureTest, PlainCaptureDeliversWholeBlocksOfTheToneAndStopsAtVolumeZ
     uint32_t before = got.blocks;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(got.blocks.load(), before);
-    ASSERT_EQ(Audio_SetMicVolume(cap, 1), 0u);
+    ASSERT_EQ(Audio_SetMicVolume(cap.get(), 1), 0u);
     ASSERT_EQ(Audio_GetMicVolume(&volume), 0u);
     EXPECT_EQ(volume, 1u);
     for (int i = 0; i < 300 && got.blocks == before; ++i) {
@@ -134,35 +149,35 @@ TEST_F(MicCaptureTest, PlainCaptureDeliversWholeBlocksOfTheToneAndStopsAtVolumeZ
     ASSERT_EQ(Audio_SetMicVolume(nullptr, 200), 0u);
     ASSERT_EQ(Audio_GetMicVolume(&volume), 0u);
     EXPECT_EQ(volume, 200u);
-    Audio_DestroyCaptureDec(cap);
+    cap.reset();
 }
 
 TEST_F(MicCaptureTest, EchoCancellingCaptureHearsTheToneAndFallsBackWhereItCannotRun)
 {
     // 16 kHz: the echo canceller runs and still passes the speaker's tone.
-    CMicCapture* aec = Audio_CreateCaptureDec(1280, 16, 1, AUDIO_CAPTURE_AEC, 3);
+    Capture aec(Audio_CreateCaptureDec(1280, 16, 1, AUDIO_CAPTURE_AEC, 3));
     ASSERT_NE(aec, nullptr);
-    EXPECT_NE(dynamic_cast<CCoreAudioCapture*>(aec), nullptr);
+    EXPECT_NE(dynamic_cast<CCoreAudioCapture*>(aec.get()), nullptr);
     Collector a;
-    Audio_SetCaptureCallBack(aec, &Collector::OnBlock, &a);
+    Audio_SetCaptureCallBack(aec.get(), &Collector::OnBlock, &a);
     ASSERT_TRUE(a.WaitSamples(32000));
     // Noise suppression lowers a steady tone somewhat; it must stay clear.
     ExpectTone(a.Take(), 16000, 1000);
-    Audio_DestroyCaptureDec(aec);
+    aec.reset();
 
     // 44.1 kHz is no rate of the echo canceller (283): the plain capture
     // takes over silently and works.
     CCoreAudioCapture probe;
     EXPECT_EQ(probe.CreateDec(16, 44100, 882, 3), AUDIO_ERR_AEC_FORMAT);
     EXPECT_EQ(probe.CreateDec(8, 8000, 640, 3), AUDIO_ERR_AEC_FORMAT);
-    CMicCapture* fallback = Audio_CreateCaptureDec(882, 16, 2, AUDIO_CAPTURE_AEC, 3);
+    Capture fallback(Audio_CreateCaptureDec(882, 16, 2, AUDIO_CAPTURE_AEC, 3));
     ASSERT_NE(fallback, nullptr);
-    EXPECT_EQ(dynamic_cast<CCoreAudioCapture*>(fallback), nullptr);
+    EXPECT_EQ(dynamic_cast<CCoreAudioCapture*>(fallback.get()), nullptr);
     Collector f;
-    Audio_SetCaptureCallBack(fallback, &Collector::OnBlock, &f);
-    ASSERT_TRUE(f.WaitSamples(44100));
+    Audio_SetCaptureCallBack(fallback.get(), &Collector::OnBlock, &f);
+    ASSERT_TRUE(f.WaitSamples(44100)) << f.Take().size() << " samples";
     ExpectTone(f.Take(), 44100, 4000);
-    Audio_DestroyCaptureDec(fallback);
+    fallback.reset();
 
     // Rate indexes outside the table make nothing.
     EXPECT_EQ(Audio_CreateCaptureDec(640, 16, 4, AUDIO_CAPTURE_PLAIN, 3), nullptr);
@@ -176,13 +191,13 @@ TEST_F(MicCaptureTest, EchoCancellingCaptureHearsTheToneAndFallsBackWhereItCanno
 double ToneLeftWithFarEnd(double farAmplitude)
 {
     constexpr uint32_t kOwner = 5, kRate = 16000, kChunk = kRate / 100;
-    CMicCapture* aec = Audio_CreateCaptureDec(640, 16, 1, AUDIO_CAPTURE_AEC, kOwner);
-    EXPECT_NE(dynamic_cast<CCoreAudioCapture*>(aec), nullptr);
+    Capture aec(Audio_CreateCaptureDec(640, 16, 1, AUDIO_CAPTURE_AEC, kOwner));
+    EXPECT_NE(dynamic_cast<CCoreAudioCapture*>(aec.get()), nullptr);
     if (!aec) {
         return -1;
     }
     Collector got;
-    Audio_SetCaptureCallBack(aec, &Collector::OnBlock, &got);
+    Audio_SetCaptureCallBack(aec.get(), &Collector::OnBlock, &got);
     std::vector<int16_t> chunk(kChunk);
     auto next = std::chrono::steady_clock::now();
     for (uint64_t n = 0, k = 0; k < 300; ++k) { // 3 s of playback in 10 ms steps
@@ -193,9 +208,9 @@ double ToneLeftWithFarEnd(double farAmplitude)
         next += std::chrono::milliseconds(10);
         std::this_thread::sleep_until(next);
     }
-    Audio_DestroyCaptureDec(aec);
+    aec.reset();
     auto pcm = got.Take();
-    EXPECT_GT(pcm.size(), kRate * 2);
+    EXPECT_GT(pcm.size(), kRate + kRate / 2);
     if (pcm.size() < kRate) {
         return -1;
     }
@@ -219,10 +234,10 @@ TEST_F(MicCaptureTest, UnpluggingTheMicrophoneIsReportedOnceAndEndsDelivery)
         g_reports.clear();
     }
     ASSERT_EQ(Korvalen_SetPlayerRunMsgCB(&OnReport), 1);
-    CMicCapture* cap = Audio_CreateCaptureDec(640, 16, 0, AUDIO_CAPTURE_PLAIN, 9);
+    Capture cap(Audio_CreateCaptureDec(640, 16, 0, AUDIO_CAPTURE_PLAIN, 9));
     ASSERT_NE(cap, nullptr);
     Collector got;
-    Audio_SetCaptureCallBack(cap, &Collector::OnBlock, &got);
+    Audio_SetCaptureCallBack(cap.get(), &Collector::OnBlock, &got);
     ASSERT_TRUE(got.WaitSamples(1600));
     mic.Unplug();
     bool reported = false;
@@ -244,7 +259,7 @@ TEST_F(MicCaptureTest, UnpluggingTheMicrophoneIsReportedOnceAndEndsDelivery)
         EXPECT_EQ(g_reports[0].code, 266u);
     }
     EXPECT_TRUE(log.Has("CaptureThread fail, ulWaveinDevNums not exist"));
-    Audio_DestroyCaptureDec(cap);
+    cap.reset();
     Korvalen_SetPlayerRunMsgCB(nullptr);
 }
 

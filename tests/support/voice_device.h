@@ -78,7 +78,7 @@ public:
     uint32_t BadBytes() const { return m_bad; }
 
     // Waits (bounded) until n packets arrived.
-    bool WaitPackets(size_t n, int timeoutMs = 5000)
+    bool WaitPackets(size_t n, int timeoutMs = 15000)
     {
         for (int waited = 0; waited < timeoutMs; waited += 10) {
             if (PacketCount() >= n) {
