@@ -15,7 +15,7 @@
  *
  * Not built yet: functions whose comment says "Not built yet" answer
  * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
- * lands (media files, recording and snapshots, voice, analytics overlays,
+ * lands (media files, recording and snapshots, analytics overlays,
  * fisheye and PTZ, HLS).
  */
 #ifndef KORVALEN_H
