@@ -139,8 +139,7 @@ uint32_t CPulsePlay::CreateSoundDec(const AUDIO_WAVE_FORMAT& format, uint32_t bl
     }
 
     AudioLoopLock lock;
-    pa_sample_spec sampleSpec{SampleFormat(format.bitsPerSample), format.sampleRate,
-                              static_cast<uint8_t>(format.channels)};
+    pa_sample_spec sampleSpec{SampleFormat(format.bitsPerSample), format.sampleRate, static_cast<uint8_t>(format.channels)};
     pa_channel_map map;
     if (format.channels == 1) {
         // A mono stream on one named speaker stays on that speaker.

@@ -2,8 +2,8 @@
 // port's controls go through the C API; the decoded frames are handed over
 // as the decode thread hands them.
 #include <chrono>
-#include <cmath>
 #include <cstdio>
+#include <cmath>
 #include <thread>
 #include <vector>
 
