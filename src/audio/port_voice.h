@@ -52,7 +52,7 @@ struct PortVoice {
 
     // Broadcast.
     QUEUE_PACKET_BUFFER bcQueue;
-    uint32_t bcQueueOpen = 0;
+    std::atomic<uint32_t> bcQueueOpen{0}; // read by the broadcast capture thread
     std::atomic<uint32_t> bcRunning{0};
     std::thread bcThread;
     int32_t bcSlot = -1; // entry in the broadcast port list
