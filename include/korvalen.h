@@ -15,7 +15,7 @@
  *
  * Not built yet: functions whose comment says "Not built yet" answer
  * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
- * lands (media files, recording and snapshots, voice, analytics overlays,
+ * lands (media files, recording and snapshots, analytics overlays,
  * fisheye and PTZ, HLS).
  */
 #ifndef KORVALEN_H
@@ -282,26 +282,31 @@ KORVALEN_API int32_t Korvalen_SetSoundQuietStatus(uint32_t port, uint32_t quiet)
 KORVALEN_API int32_t Korvalen_GetSoundQuietStatus(uint32_t port, uint32_t* quiet);
 /** Channel: 0 left, 1 right, 2 none, other both (a new port: 3). */
 KORVALEN_API int32_t Korvalen_SetPlaySoundChannel(uint32_t port, uint32_t channel);
-/** Not built yet. Voice encoding: type 0 G.711u, 2 AAC, 4 PCM; rate index 0
- *  8 kHz, 1 16 kHz; channels 1. Errors: 7. */
+/** Voice encoding: type 0 G.711u, 2 AAC, 4 PCM; rate index 0 8 kHz, 1 16 kHz;
+ *  channels 1. Errors: 7. */
 KORVALEN_API int32_t Korvalen_SetVoiceEncodeType(uint32_t port, uint32_t encode_type, uint32_t sample_rate,
                                                  uint32_t channels);
-/** Not built yet. Open voice talk or broadcast: mode (0/1 broadcast, 2/3
- *  talk), caller's socket (0 = none), addresses and protocol. Errors: 16. */
+/** Open voice talk or broadcast on an idle port: mode 0 broadcast fed by the
+ *  caller, 1 broadcast from the microphone, 2 talk fed by the caller, 3 talk
+ *  from the microphone; the caller's TCP socket (0 = none: the port connects
+ *  and plays the device's stream itself), addresses and protocol (0 UDP, 1
+ *  TCP; voice leaves only over TCP). Errors: 2, 7, 8, 16, 266. */
 KORVALEN_API int32_t Korvalen_OpenVoiceSvc(uint32_t port, uint32_t mode, uint32_t socket, const char* local_ip,
                                            uint16_t local_port, const char* remote_ip, uint16_t remote_port,
                                            uint32_t protocol);
-/** Not built yet. Close the voice service. */
+/** Close the voice service. */
 KORVALEN_API int32_t Korvalen_CloseVoiceSvc(uint32_t port);
-/** Not built yet. Send caller PCM as voice; reserved may be null. */
+/** Send caller PCM as voice (encoded with the port's encoder, sent as codec
+ *  7 packets); reserved may be null. */
 KORVALEN_API int32_t Korvalen_VoiceInputData(uint32_t port, const uint8_t* data, uint32_t length, void* reserved);
-/** Not built yet. Microphone volume 0..255. */
+/** Microphone volume 0..255 (the default source's volume; 0 also stops the
+ *  port's capture delivering). */
 KORVALEN_API int32_t Korvalen_SetMicVolume(uint32_t port, uint32_t volume);
-/** Not built yet. Microphone volume 0..255. */
+/** Microphone volume 0..255, read from the default source. */
 KORVALEN_API int32_t Korvalen_GetMicVolume(uint32_t port, uint32_t* volume);
-/** Not built yet. Mute (1) or unmute the microphone. */
+/** Mute (1) or unmute the microphone. */
 KORVALEN_API int32_t Korvalen_SetMicQuietStatus(uint32_t port, uint32_t quiet);
-/** Not built yet. Microphone mute state. */
+/** Microphone mute state. */
 KORVALEN_API int32_t Korvalen_GetMicQuietStatus(uint32_t port, uint32_t* quiet);
 
 /* ======================================================================== */

@@ -8,7 +8,8 @@
 //   korvalen-play --self-check
 // Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
 //          --screenshot FILE.ppm, --fluency N (0 off, 1 normal, 3 low delay,
-//          4 smooth)
+//          4 smooth), --talk (tcp only: the microphone goes to the device,
+//          G.711 at 8 kHz, on the stream's own connection)
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -169,7 +170,7 @@ void FeedStdin(uint32_t port)
 }
 
 struct PlayOptions {
-    bool headless = false, sound = false;
+    bool headless = false, sound = false, talk = false;
     int duration = 0;
     uint32_t fluency = 1;
     std::string snapshot, screenshot;
@@ -219,9 +220,16 @@ int Play(const std::string& url, const PlayOptions& o)
     Korvalen_SetPictureFluency(port, o.fluency);
     Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, nullptr);
     Korvalen_SetDrawMediaDataCB(port, &OnDraw, &snap);
-    int32_t ok = stdinTs ? Korvalen_OpenInputStream(port, nullptr, 0, 0)
-                 : tcp   ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
-                         : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
+    if (o.talk && !tcp) {
+        std::fprintf(stderr, "korvalen-play: --talk needs a tcp:// stream\n");
+        Korvalen_Cleanup();
+        return 2;
+    }
+    // Talk opens the stream itself and sends the voice on its connection.
+    int32_t ok = stdinTs  ? Korvalen_OpenInputStream(port, nullptr, 0, 0)
+                 : o.talk ? Korvalen_OpenVoiceSvc(port, 3, 0, nullptr, 0, host.c_str(), netPort, 1)
+                 : tcp    ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
+                          : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
     if (!ok) {
         std::fprintf(stderr, "korvalen-play: cannot open %s (error %u)\n", url.c_str(), Korvalen_GetLastError());
         Korvalen_Cleanup();
@@ -231,8 +239,8 @@ int Play(const std::string& url, const PlayOptions& o)
     if (sound && !Korvalen_OpenSound(port)) {
         std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
     }
-    std::printf("playing %s on port %u (%s)\n", stdinTs ? "standard input" : url.c_str(), port,
-                win ? "window" : "headless");
+    std::printf("playing %s on port %u (%s)%s\n", stdinTs ? "standard input" : url.c_str(), port,
+                win ? "window" : "headless", o.talk ? ", talking" : "");
     std::thread feeder;
     if (stdinTs) {
         feeder = std::thread(FeedStdin, port);
@@ -268,6 +276,8 @@ int Play(const std::string& url, const PlayOptions& o)
     Korvalen_StopPlay(port, win);
     if (stdinTs) {
         Korvalen_CloseInputStream(port);
+    } else if (o.talk) {
+        Korvalen_CloseVoiceSvc(port);
     } else {
         Korvalen_CloseNetStream(port);
     }
@@ -283,7 +293,7 @@ void Usage()
 {
     std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | --stdin-ts\n"
                 "                     [--headless] [--sound] [--duration SECONDS] [--snapshot FILE.ppm]\n"
-                "                     [--screenshot FILE.ppm] [--fluency N]\n"
+                "                     [--screenshot FILE.ppm] [--fluency N] [--talk]\n"
                 "       korvalen-play --self-check\n");
 }
 
@@ -306,6 +316,8 @@ int main(int argc, char** argv)
             o.headless = true;
         } else if (a == "--sound") {
             o.sound = true;
+        } else if (a == "--talk") {
+            o.talk = true;
         } else if (a == "--duration" && i + 1 < argc) {
             o.duration = std::atoi(argv[++i]);
         } else if (a == "--snapshot" && i + 1 < argc) {

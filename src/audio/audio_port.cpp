@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "audio/audio_play.h"
+#include "audio/mic_capture.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "player/player_api.h"
@@ -103,6 +104,9 @@ void Audio_PlayPortFrame(PortRecord* rec, const AUDIO_PCM_FRAME* frame)
         }
     }
     Audio_AddSoundData(s.play, frame->pcm, frame->length);
+    if (frame->bitsPerSample == 16) {
+        Audio_MicFarEnd(rec->port, frame->pcm, frame->length, frame->sampleRate, frame->channels);
+    }
 }
 
 void Audio_ReleasePortSound(PortRecord* rec)

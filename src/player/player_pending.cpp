@@ -149,46 +149,6 @@ uint32_t Player_SnatchOnce(uint32_t port, const char*, uint32_t, const KORVALEN_
     return Player_NotBuilt(port);
 }
 
-uint32_t Player_SetVoiceEncodeType(uint32_t port, uint32_t, uint32_t, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_OpenVoiceSvc(uint32_t port, uint32_t, uint32_t, const char*, uint16_t, const char*, uint16_t, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_CloseVoiceSvc(uint32_t port)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_VoiceInputData(uint32_t port, const uint8_t*, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetMicVolume(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetMicVolume(uint32_t port, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetMicQuietStatus(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_GetMicQuietStatus(uint32_t port, uint32_t*)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_SetIVAEnable(uint32_t port, uint32_t)
 {
     return Player_NotBuilt(port);

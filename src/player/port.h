@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "audio/port_sound.h"
+#include "audio/port_voice.h"
 #include "display/video_display.h"
 #include "korvalen_types.h"
 #include "net/net_stream.h"
@@ -67,6 +68,7 @@ struct PortRecord {
     PortPlayback playback;
     PortStream stream;
     PortNet net;
+    PortVoice voice;
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.

@@ -157,8 +157,8 @@ bool SinkRecorder::Start()
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.fragsize = kRate * 2 * 2 / 100; // 10 ms reads
     int err = 0;
-    pa_simple* conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "sink monitor", &sampleSpec,
-                                    nullptr, &attr, &err);
+    pa_simple* conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "sink monitor",
+                                    &sampleSpec, nullptr, &attr, &err);
     if (!conn) {
         return false;
     }
@@ -230,4 +230,72 @@ double ToneAmplitude(const std::vector<int16_t>& s, int channel, double hz)
     }
     std::nth_element(amps.begin(), amps.begin() + static_cast<long>(amps.size() / 2), amps.end());
     return amps[amps.size() / 2]; // a pure tone of RMS a gives about a
+}
+
+namespace {
+
+bool Pactl(const std::string& dir, const std::vector<std::string>& args, std::string* out)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const std::string file = dir + "/pactl-cmd.out";
+    pid_t pid = Spawn(argv, file);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (out) {
+        std::ifstream in(file);
+        std::getline(in, *out);
+    }
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+} // namespace
+
+ToneMicrophone::~ToneMicrophone()
+{
+    Unplug();
+}
+
+bool ToneMicrophone::Start(const PulseServer& server, uint32_t hz)
+{
+    m_dir = server.Dir();
+    std::string module;
+    if (!Pactl(
+            m_dir,
+            {"load-module", "module-sine-source", "source_name=kmic", "rate=48000", "frequency=" + std::to_string(hz)},
+            &module)) {
+        return false;
+    }
+    m_module = module;
+    return Pactl(m_dir, {"set-default-source", "kmic"}, nullptr);
+}
+
+void ToneMicrophone::Unplug()
+{
+    if (!m_module.empty()) {
+        Pactl(m_dir, {"unload-module", m_module}, nullptr);
+        m_module.clear();
+    }
+}
+
+double MonoToneAmplitude(const std::vector<int16_t>& pcm, uint32_t rate, double hz)
+{
+    const size_t block = rate / 50;
+    const double w = 2.0 * std::cos(2.0 * M_PI * hz / rate);
+    std::vector<double> amps;
+    for (size_t b0 = 0; b0 + block <= pcm.size(); b0 += block) {
+        double s1 = 0, s2 = 0;
+        for (size_t i = b0; i < b0 + block; ++i) {
+            double s0 = pcm[i] + w * s1 - s2;
+            s2 = s1;
+            s1 = s0;
+        }
+        double power = s1 * s1 + s2 * s2 - w * s1 * s2;
+        amps.push_back(std::sqrt(std::max(power, 0.0)) * 2.0 / static_cast<double>(block));
+    }
+    if (amps.empty()) {
+        return 0;
+    }
+    std::nth_element(amps.begin(), amps.begin() + static_cast<long>(amps.size() / 2), amps.end());
+    return amps[amps.size() / 2]; // the peak amplitude of a pure tone
 }

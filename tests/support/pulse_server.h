@@ -46,3 +46,20 @@ ChannelLevels LoudestRms(const std::vector<int16_t>& stereo);
 // Relative strength of a frequency on one channel (Goertzel over the loudest
 // window), as an RMS-like amplitude.
 double ToneAmplitude(const std::vector<int16_t>& stereo, int channel, double hz);
+
+// A microphone hearing a steady tone: the server's sine source (amplitude
+// half of full scale), made the default source.
+class ToneMicrophone {
+public:
+    ~ToneMicrophone();
+    bool Start(const PulseServer& server, uint32_t hz);
+    // Takes the source away, as pulling the microphone's plug does.
+    void Unplug();
+
+private:
+    std::string m_dir;
+    std::string m_module;
+};
+
+// Amplitude of a frequency in mono PCM (Goertzel per 20 ms block, median).
+double MonoToneAmplitude(const std::vector<int16_t>& pcm, uint32_t rate, double hz);
