@@ -38,7 +38,8 @@ uint32_t RenderInterval(const PortRecord* rec)
         auto i = static_cast<uint32_t>(1000.0f * rec->speedFactor / static_cast<float>(pb.frameRate));
         return i < kMinInterval ? kMinInterval : i;
     }
-    return rec->frameInterval > kIntervalCap ? kIntervalCap : rec->frameInterval;
+    const uint32_t interval = rec->frameInterval;
+    return interval > kIntervalCap ? kIntervalCap : interval;
 }
 
 // False when there was no picture to take: the caller then tries again

@@ -72,7 +72,7 @@ struct PortRecord {
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
-    uint32_t frameInterval = 40; // ms
+    std::atomic<uint32_t> frameInterval{40}; // ms; set by the decode thread, read by the render thread
     float speedFactor = 1.0f;
     uint32_t workBufferSizes[3] = {kWorkBufferSize, kWorkBufferSize, kWorkBufferSize};
     uint32_t gpuDecode = 0;    // copy of the global switch at allocation

@@ -340,3 +340,56 @@ TEST(LiveTeardown, PortsOpenedAndClosedWhilePacketsFlow)
     Korvalen_Cleanup();
     EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
 }
+
+namespace {
+
+std::mutex g_reportLock;
+std::vector<KORVALEN_RUN_MSG> g_reports;
+
+void OnReport(const KORVALEN_RUN_MSG* m)
+{
+    std::lock_guard<std::mutex> lock(g_reportLock);
+    g_reports.push_back(*m);
+}
+
+} // namespace
+
+// An empty datagram ends a UDP stream the way a sender's close does: the
+// caller gets the end-of-stream report (14, 515) once, and the port can be
+// closed and opened again.
+TEST(LiveEndOfStream, EmptyDatagramReportsTheEnd)
+{
+    LogCapture log;
+    ASSERT_EQ(Korvalen_Init(), 1);
+    ASSERT_EQ(Korvalen_SetPlayerRunMsgCB(&OnReport), 1);
+    {
+        std::lock_guard<std::mutex> lock(g_reportLock);
+        g_reports.clear();
+    }
+    uint32_t port = 0;
+    ASSERT_EQ(Korvalen_AllocPort(&port), 1);
+    uint16_t net = FreePort(SOCK_DGRAM);
+    ASSERT_EQ(Korvalen_OpenNetStream(port, "127.0.0.1", net, "127.0.0.1", 0, 0), 1);
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(net);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(sendto(fd, "", 0, 0, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    close(fd);
+    bool seen = false;
+    for (int i = 0; i < 300 && !seen; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::lock_guard<std::mutex> lock(g_reportLock);
+        for (const KORVALEN_RUN_MSG& m : g_reports) {
+            seen |= m.port == port && m.type == 14 && m.code == 515;
+        }
+    }
+    EXPECT_TRUE(seen);
+    EXPECT_TRUE(log.Has("NET_RecvPacket failed"));
+    ASSERT_EQ(Korvalen_CloseNetStream(port), 1);
+    ASSERT_EQ(Korvalen_OpenNetStream(port, "127.0.0.1", net, "127.0.0.1", 0, 0), 1) << "the port opens again";
+    ASSERT_EQ(Korvalen_CloseNetStream(port), 1);
+    Korvalen_Cleanup();
+    EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+}

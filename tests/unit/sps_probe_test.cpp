@@ -3,6 +3,7 @@
 // the VPS timing).
 #include <cstdio>
 #include <string>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -13,7 +14,10 @@ namespace {
 
 Bytes Encode(const std::string& codec, const std::string& rate, const std::string& size)
 {
-    std::string path = testing::TempDir() + "probe_" + codec + "_" + rate + "." + codec;
+    // Named per test and process: the tests may run at the same time.
+    std::string path = testing::TempDir() + "probe_" + std::to_string(getpid()) + "_" +
+                       testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + codec + "_" + rate + "." +
+                       codec;
     std::string enc = codec == "h264" ? "-c:v libx264 -preset ultrafast"
                                       : "-c:v libx265 -preset ultrafast -x265-params log-level=error";
     RunCommand("ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=" + size + ":rate=" + rate +
