@@ -6,10 +6,13 @@
 #include <cstring>
 
 #include "codec_media.h"
+#include "iva/iva_port.h"
 #include "iva/iva_store.h"
+#include "korvalen.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
 #include "platform/qmx_heap.h"
+#include "player/port_table.h"
 #include "sei/sei_parse.h"
 #include "sei_writer.h"
 
@@ -462,3 +465,28 @@ TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
     IVA_ReleaseStore(&store);
 }
 #endif
+
+// The fisheye view reads the lens parameters a port's stream carried.
+TEST(SeiPort, FisheyeParametersPerPort)
+{
+    ASSERT_EQ(Korvalen_Init(), 1);
+    uint32_t port = 0;
+    ASSERT_EQ(Korvalen_AllocPort(&port), 1);
+    uint16_t p[3] = {};
+    EXPECT_EQ(Sei_GetFisheyeParam(port, p), KORVALEN_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(Sei_GetFisheyeParam(255, p), KORVALEN_ERR_PORT);
+    const Bytes au =
+        Cat({SeiWriter_Nal(SEIW_H265, 231, Cat({SeiWriter_Be16(960), SeiWriter_Be16(540), SeiWriter_Be16(500)})),
+             Slice(KORVALEN_CODEC_H265)});
+    IVA_ParseFrame(Player_GetPort(port), au.data(), static_cast<uint32_t>(au.size()), KORVALEN_CODEC_H265);
+    // A later unit without them keeps the last ones.
+    const Bytes plain = Slice(KORVALEN_CODEC_H265);
+    IVA_ParseFrame(Player_GetPort(port), plain.data(), static_cast<uint32_t>(plain.size()), KORVALEN_CODEC_H265);
+    ASSERT_EQ(Sei_GetFisheyeParam(port, p), 0u);
+    EXPECT_EQ(p[0], 960);
+    EXPECT_EQ(p[1], 540);
+    EXPECT_EQ(p[2], 500);
+    Korvalen_FreePort(port);
+    Korvalen_Cleanup();
+    EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+}
