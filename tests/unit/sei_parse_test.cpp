@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "codec_media.h"
 #include "iva/iva_port.h"
@@ -15,6 +17,7 @@
 #include "player/port_table.h"
 #include "sei/sei_parse.h"
 #include "sei_writer.h"
+#include "test_env.h"
 
 namespace {
 
@@ -381,12 +384,14 @@ TEST(SeiStream, InjectedIntoEncodedStreamsReadsBack)
             << error;
         Bytes injected = SeiWriter_Inject(codec, raw, st);
         const std::vector<Bytes> aus = SeiWriter_SplitAccessUnits(codec, injected);
-        const std::string out = ::testing::TempDir() + "/sei_injected" + std::to_string(codec);
+        const std::string out =
+            ::testing::TempDir() + "/sei_injected" + std::to_string(getpid()) + "_" + std::to_string(codec);
         FILE* f = std::fopen(out.c_str(), "wb");
         ASSERT_NE(f, nullptr);
         std::fwrite(injected.data(), 1, injected.size(), f);
         std::fclose(f);
         EXPECT_EQ(ReadPackets(out).size(), aus.size());
+        std::remove(out.c_str());
         EXPECT_EQ(aus.size(), SeiWriter_SplitAccessUnits(codec, raw).size());
         ASSERT_EQ(aus.size(), 25u);
 
@@ -429,7 +434,8 @@ TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
 {
     const std::string in = FixturePath("hevc_352x288_nob.hevc");
     REQUIRE_FIXTURE(in);
-    const std::string dir = ::testing::TempDir();
+    const std::string dir = ::testing::TempDir() + "/sei_tool" + std::to_string(getpid());
+    mkdir(dir.c_str(), 0700);
     const std::string desc = dir + "/sei_desc.txt", bad = dir + "/sei_bad.txt", out = dir + "/sei_out.hevc";
     FILE* f = std::fopen(desc.c_str(), "w");
     ASSERT_NE(f, nullptr);
@@ -461,6 +467,7 @@ TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
     const std::string text(err.begin(), err.end());
     EXPECT_NE(text.find("line 1: bad box"), std::string::npos) << text;
     EXPECT_NE(text.find("rc=1"), std::string::npos) << text;
+    RemoveTree(dir);
     Sei_ReleaseInfo(&info);
     IVA_ReleaseStore(&store);
 }
