@@ -331,12 +331,12 @@ KORVALEN_API int32_t Korvalen_SetOSDStyle(uint32_t port, uint32_t style);
 KORVALEN_API int32_t Korvalen_SetGpuDrawEnable(uint32_t port, uint32_t enable);
 /** Deinterlace mode (1 line doubling) and its companion value. */
 KORVALEN_API int32_t Korvalen_SetDeinterlaceMode(uint32_t port, uint32_t mode, uint32_t value);
-/** Not built yet. Analytics overlay on (1) or off (0). */
+/** Analytics overlay on (1) or off (0, the default). */
 KORVALEN_API int32_t Korvalen_SetIVAEnable(uint32_t port, uint32_t enable);
-/** Not built yet. Process-wide overlay flags (bit 1 untracked targets and
- *  tracking, bit 2 tracked targets). */
+/** Process-wide overlay flags (bit 1 untracked targets and tracking, bit 2
+ *  tracked targets; default 6). */
 KORVALEN_API int32_t Korvalen_SetIVAShowParam(uint32_t show_param);
-/** Not built yet. Per-port overlay flags; mode 1 makes per-port flags decide. */
+/** Per-port overlay flags; mode 1 makes per-port flags decide (process-wide). */
 KORVALEN_API int32_t Korvalen_SetIVAShowParamEx(uint32_t port, uint32_t show_param, uint32_t mode);
 /** Not built yet. 1 when the stream carries fisheye parameters, else 0. */
 KORVALEN_API int32_t Korvalen_IsFishEyeStream(uint32_t port);

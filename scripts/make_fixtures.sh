@@ -116,3 +116,12 @@ fixture h264_g711.flv -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine
 # A solid red picture with a blue square, for checking what reaches a window.
 fixture h264_red_square.h264 -f lavfi -i "color=c=red:size=320x240:rate=25,drawbox=x=0:y=0:w=80:h=60:color=blue:t=fill" \
   -t 1 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -f h264
+# Plain grey pictures in both codecs, for finding overlay lines in a window.
+fixture grey_320x240.h264 -f lavfi -i color=c=gray:size=320x240:rate=25 -t 2 -c:v libx264 -preset ultrafast \
+  -g 25 -bf 0 -pix_fmt yuv420p -f h264
+fixture grey_320x240.hevc -f lavfi -i color=c=gray:size=320x240:rate=25 -t 2 -c:v libx265 -preset ultrafast \
+  -x265-params log-level=error:keyint=25:open-gop=0:bframes=0 -pix_fmt yuv420p -f hevc
+# A white square moving 8 pixels a picture over grey, coded with B-frames so
+# that pictures leave the decoder out of stream order.
+fixture moving_square_b.h264 -f lavfi -i color=c=gray:size=320x240:rate=25 -f lavfi -i color=c=white:size=32x48:rate=25 \
+  -filter_complex "[0][1]overlay=x=8*n:y=96" -t 1.28 -c:v libx264 -preset veryfast -g 32 -bf 3 -pix_fmt yuv420p -f h264

@@ -16,6 +16,20 @@ struct DISP_PICTURE {
     uint32_t height;
 };
 
+// The shown image an overlay paints on: 32-bit BGRA holding the source
+// rectangle of a picture of pictureWidth x pictureHeight, scaled to width x
+// height.
+struct DISP_CANVAS {
+    uint8_t* pixels;
+    uint32_t stride;
+    uint32_t width;
+    uint32_t height;
+    DISP_RECT source;
+    uint32_t pictureWidth;
+    uint32_t pictureHeight;
+};
+typedef uint32_t (*DISP_OVERLAY_FN)(void* user, const DISP_CANVAS& canvas);
+
 // The port's display settings, read for every picture.
 struct DISP_SETTINGS {
     uint32_t port = 0;
@@ -25,7 +39,15 @@ struct DISP_SETTINGS {
     int32_t adjust[4] = {100, 100, 100, 10}; // brightness, contrast, saturation (%), hue (10 = none)
     KORVALEN_DRAW_CB draw = nullptr;
     void* drawUser = nullptr;
+    // Analysis overlay painters, run in this order before the caller's hook.
+    DISP_OVERLAY_FN drawRules = nullptr;
+    DISP_OVERLAY_FN drawTargets = nullptr;
+    void* overlayUser = nullptr;
 };
+
+// Runs the overlay painters of the settings on the canvas; their failures
+// are warnings, the picture is shown regardless.
+void DISP_PaintOverlays(const DISP_SETTINGS& settings, const DISP_CANVAS& canvas);
 
 class CBaseDisplay {
 public:

@@ -38,6 +38,7 @@ uint32_t COffscreenDisplay::DisplayPic(const DISP_PICTURE& pic, const DISP_SETTI
     if (err != 0) {
         return err;
     }
+    DISP_PaintOverlays(s, DISP_CANVAS{m_bgra, w * 4, w, h, src, pic.width, pic.height});
     KORVALEN_DRAW_SURFACE surface{m_bgra, w * 4, w, h, 0};
     draw(s.port, &surface, user, 0);
     return 0;

@@ -204,6 +204,9 @@ uint32_t CX11Display::Show(const DISP_PICTURE& pic, const DISP_SETTINGS& s)
     if (err != 0) {
         return err;
     }
+    DISP_PaintOverlays(s, DISP_CANVAS{pixels, static_cast<uint32_t>(m_image->bytes_per_line),
+                                      static_cast<uint32_t>(dest.Width()), static_cast<uint32_t>(dest.Height()), src,
+                                      pic.width, pic.height});
     KORVALEN_DRAW_CB draw = s.draw ? s.draw : m_draw;
     if (draw) {
         KORVALEN_DRAW_SURFACE surface{pixels, static_cast<uint32_t>(m_image->bytes_per_line),

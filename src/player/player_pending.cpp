@@ -149,21 +149,6 @@ uint32_t Player_SnatchOnce(uint32_t port, const char*, uint32_t, const KORVALEN_
     return Player_NotBuilt(port);
 }
 
-uint32_t Player_SetIVAEnable(uint32_t port, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
-uint32_t Player_SetIVAShowParam(uint32_t)
-{
-    return KORVALEN_ERR_NOT_SUPPORTED;
-}
-
-uint32_t Player_SetIVAShowParamEx(uint32_t port, uint32_t, uint32_t)
-{
-    return Player_NotBuilt(port);
-}
-
 uint32_t Player_IsFishEyeStream(uint32_t port, uint32_t*)
 {
     return Player_NotBuilt(port);

@@ -72,6 +72,7 @@ bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
     }
     s.draw = rec->callbacks.draw.fn;
     s.drawUser = rec->callbacks.draw.user;
+    IVA_PrepareOverlay(rec, *held, &s);
     uint32_t err = Video_DisPlayPicEx(rec->port, display, *held, s);
     if (err != KORVALEN_OK) {
         if ((*failures)++ % kDisplayFailLogEvery == 0) {

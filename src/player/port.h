@@ -9,6 +9,7 @@
 #include "audio/port_sound.h"
 #include "audio/port_voice.h"
 #include "display/video_display.h"
+#include "iva/iva_port.h"
 #include "korvalen_types.h"
 #include "net/net_stream.h"
 #include "player/port_playback.h"
@@ -69,6 +70,7 @@ struct PortRecord {
     PortStream stream;
     PortNet net;
     PortVoice voice;
+    PortIva iva;                          // SEI record and analysis overlay
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.

@@ -181,6 +181,7 @@ void DecodeVideo(PortRecord* rec)
         st.frame.codecType == KORVALEN_CODEC_H265 && st.frame.frameType == 0) {
         err = RetryOnSoftware(rec, &in);
     }
+    IVA_FrameDecoded(rec, st.video);
     if (err == KORVALEN_ERR_DECODE_NO_OUTPUT) {
         return;
     }
@@ -207,6 +208,7 @@ void DecodeVideo(PortRecord* rec)
         std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
         if (rec->playback.rendering && rec->playback.offscreen.nodes) {
             QUEUE_PICTURE pic;
+            IVA_AttachOverlay(rec, st.video, pic.attached);
             for (int i = 0; i < 3; ++i) {
                 pic.planes[i] = out.planes[i];
                 pic.lineSizes[i] = out.pitches[i];
@@ -284,6 +286,9 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
             st.waitKeyFrame = 0;
         }
         *producedVideo = true;
+        if (f.codecType != KORVALEN_CODEC_MJPEG) {
+            IVA_ParseFrame(rec, f.data, f.length, f.codecType);
+        }
         auto& cb = rec->callbacks.parseVideo;
         if (cb.fn) {
             KORVALEN_PARSED_FRAME p{f.data, f.length, f.codecType, f.frameType, {0, 0}, f.timestamp};
