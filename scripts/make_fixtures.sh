@@ -92,3 +92,22 @@ fixture h264_aac.ts -f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i sine=f
 # A solid red picture with a blue square, for checking what reaches a window.
 fixture h264_red_square.h264 -f lavfi -i "color=c=red:size=320x240:rate=25,drawbox=x=0:y=0:w=80:h=60:color=blue:t=fill" \
   -t 1 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -f h264
+# Local file playback: three seconds of 25 fps video with a key frame every
+# second, MP4 with the index at the end and at the front (faststart), with
+# and without B-frames; H.265 tagged "hev1" (the only H.265 tag the reader
+# takes); MPEG-TS in both codecs.
+file_src=(-f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=44100 -t 3)
+fixture file_h264_mp2.mp4 "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -metadata creation_time=2024-01-02T03:04:05Z -f mp4
+fixture file_h264_b_faststart.mp4 "${file_src[@]}" -c:v libx264 -preset veryfast -g 25 -bf 2 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -movflags faststart -f mp4
+fixture file_hevc_mp2.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v hev1 \
+  -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=0 -pix_fmt yuv420p -c:a mp2 -b:a 64k -f mp4
+fixture file_hevc_b_faststart.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v hev1 \
+  -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=2 -pix_fmt yuv420p -an \
+  -movflags faststart -f mp4
+fixture file_h264_mp2.ts "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -f mpegts
+fixture file_hevc_aac.ts "${file_src[@]}" -c:v libx265 -preset ultrafast \
+  -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=0 -pix_fmt yuv420p -c:a aac -b:a 64k \
+  -f mpegts
