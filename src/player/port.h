@@ -8,6 +8,7 @@
 
 #include "audio/port_sound.h"
 #include "display/video_display.h"
+#include "file/port_file.h"
 #include "korvalen_types.h"
 #include "net/net_stream.h"
 #include "player/port_playback.h"
@@ -67,6 +68,7 @@ struct PortRecord {
     PortPlayback playback;
     PortStream stream;
     PortNet net;
+    PortFile file;
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
