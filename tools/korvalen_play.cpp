@@ -1,11 +1,15 @@
 // korvalen-play: the demo player. Plays a live RTP stream (UDP, or
-// "$"-framed TCP) on one port, in an X11 window or headless, prints live
-// statistics once a second, and can save a snapshot of the picture shown.
+// "$"-framed TCP) or a local MP4 / MPEG-TS file on one port, in an X11
+// window or headless, prints live statistics once a second, and can save a
+// snapshot of the picture shown.
 //   korvalen-play udp://[local-ip]:port [options]
 //   korvalen-play tcp://host:port [options]
+//   korvalen-play FILE [options]
 //   korvalen-play --self-check
 // Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
 //          --fluency N (0 off, 1 normal, 3 low delay, 4 smooth)
+// Files:   --speed CODE (Korvalen_SpeedPlay code, 2 = normal), --seek SECONDS,
+//          --step N (show N frames one by one, then stay paused)
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -60,9 +64,9 @@ int SelfCheck()
                  "port 300 refused with 259");
     ok &= Expect(Korvalen_StartPlay(ports[0], 0) == 1 && Korvalen_StopPlay(ports[0], 0) == 1,
                  "headless rendering starts and stops");
-    ok &= Expect(Korvalen_OpenMediaFile(ports[0], "sample.mp4") == 0 &&
-                     Korvalen_GetLastError() == KORVALEN_ERR_NOT_SUPPORTED,
-                 "file playback not built yet: 7");
+    ok &= Expect(Korvalen_OpenMediaFile(ports[0], "no-such-file.mp4") == 0 &&
+                     Korvalen_GetLastError() == KORVALEN_ERR_FILE_OPEN,
+                 "a missing media file is refused with 262");
     uint32_t vmMib = 0;
     ok &= Expect(Korvalen_GetTotalVirtualSize(&vmMib, nullptr) == 1, "Korvalen_GetTotalVirtualSize");
     Korvalen_FreePort(ports[0]);
@@ -81,6 +85,20 @@ struct Snapshot {
 };
 
 std::atomic<uint32_t> g_pictures{0};
+std::atomic<bool> g_fileEnd{false};
+
+void OnRunMsg(const KORVALEN_RUN_MSG* m)
+{
+    if (m->code == KORVALEN_ERR_FILE_END) {
+        g_fileEnd = true;
+    }
+}
+
+struct FileOptions {
+    int speed = -1;
+    int seek = -1;
+    int step = 0;
+};
 
 void OnDecoded(uint32_t, const KORVALEN_DECODED_VIDEO*, void*, uint32_t, uint32_t)
 {
@@ -119,24 +137,25 @@ bool SavePpm(Snapshot& snap, const std::string& path)
 }
 
 int Play(const std::string& url, bool headless, bool sound, int duration, const std::string& snapshotPath,
-         uint32_t fluency)
+         uint32_t fluency, const FileOptions& fileOpt)
 {
     bool tcp = url.rfind("tcp://", 0) == 0;
-    if (!tcp && url.rfind("udp://", 0) != 0) {
-        std::fprintf(stderr, "korvalen-play: give udp://[ip]:port or tcp://host:port\n");
-        return 2;
+    const bool file = !tcp && url.rfind("udp://", 0) != 0;
+    std::string host;
+    uint16_t netPort = 0;
+    if (!file) {
+        std::string rest = url.substr(6);
+        size_t colon = rest.rfind(':');
+        if (colon == std::string::npos) {
+            std::fprintf(stderr, "korvalen-play: no port in %s\n", url.c_str());
+            return 2;
+        }
+        host = colon ? rest.substr(0, colon) : "0.0.0.0";
+        if (host.size() > 1 && host.front() == '[') {
+            host = host.substr(1, host.size() - 2);
+        }
+        netPort = static_cast<uint16_t>(std::atoi(rest.c_str() + colon + 1));
     }
-    std::string rest = url.substr(6);
-    size_t colon = rest.rfind(':');
-    if (colon == std::string::npos) {
-        std::fprintf(stderr, "korvalen-play: no port in %s\n", url.c_str());
-        return 2;
-    }
-    std::string host = colon ? rest.substr(0, colon) : "0.0.0.0";
-    if (host.size() > 1 && host.front() == '[') {
-        host = host.substr(1, host.size() - 2);
-    }
-    auto netPort = static_cast<uint16_t>(std::atoi(rest.c_str() + colon + 1));
 
     Display* dpy = nullptr;
     Window win = 0;
@@ -156,20 +175,48 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
     Korvalen_SetPictureFluency(port, fluency);
     Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, nullptr);
     Korvalen_SetDrawMediaDataCB(port, &OnDraw, &snap);
-    int32_t ok = tcp ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
-                     : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
+    Korvalen_SetPlayerRunMsgCB(&OnRunMsg);
+    int32_t ok = file  ? Korvalen_OpenMediaFile(port, url.c_str())
+                 : tcp ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
+                       : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
     if (!ok) {
         std::fprintf(stderr, "korvalen-play: cannot open %s (error %u)\n", url.c_str(), Korvalen_GetLastError());
         Korvalen_Cleanup();
         return 1;
     }
-    Korvalen_StartPlay(port, win);
+    if (file && fileOpt.seek >= 0 && !Korvalen_SetPlayedTime(port, static_cast<uint32_t>(fileOpt.seek))) {
+        std::fprintf(stderr, "korvalen-play: cannot seek to %d s (error %u)\n", fileOpt.seek, Korvalen_GetLastError());
+    }
+    if (file && fileOpt.step > 0) {
+        // Frames one by one: each step shows one frame and pauses the file.
+        Korvalen_StartPlay(port, win);
+        for (int i = 0; i < fileOpt.step && !g_stop; ++i) {
+            Korvalen_AFrameGo(port);
+            KORVALEN_PLAY_TIME t{};
+            Korvalen_GetPlayTimeEx(port, &t);
+            std::printf("step %d: frame time %.3f s\n", i + 1, static_cast<double>(t.timestamp_90k) / 90000.0);
+        }
+    } else {
+        if (file && fileOpt.speed >= 0 && !Korvalen_SpeedPlay(port, static_cast<uint32_t>(fileOpt.speed))) {
+            std::fprintf(stderr, "korvalen-play: speed %d refused (error %u)\n", fileOpt.speed,
+                         Korvalen_GetLastError());
+        }
+        Korvalen_StartPlay(port, win);
+    }
     if (sound && !Korvalen_OpenSound(port)) {
         std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
     }
+    uint32_t fileSeconds = 0;
+    if (file) {
+        Korvalen_GetFileTime(port, &fileSeconds);
+    }
     std::printf("playing %s on port %u (%s)\n", url.c_str(), port, win ? "window" : "headless");
     uint32_t last = 0;
-    for (int s = 0; !g_stop && (duration <= 0 || s < duration); ++s) {
+    const bool untilEnd = file && fileOpt.step == 0 && duration <= 0;
+    if (file && fileOpt.step > 0 && duration <= 0) {
+        duration = 1; // a moment to look at the last step
+    }
+    for (int s = 0; !g_stop && (untilEnd ? !g_fileEnd : (duration <= 0 || s < duration)); ++s) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         uint32_t rate = 0, lost = 0, total = 0, frames = 0, slots = 0, w = 0, h = 0;
         Korvalen_GetPictureSize(port, &w, &h);
@@ -177,8 +224,15 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
         Korvalen_GetLostPacketRate(port, &lost, &total);
         Korvalen_GetPacketQueueStart(port, &frames, &slots);
         uint32_t now = g_pictures.load();
-        std::printf("\r%3ds  %ux%u  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, w, h,
-                    now - last, rate * 8 / 1000.0, lost, total, frames, slots);
+        if (file) {
+            uint32_t at = 0;
+            Korvalen_GetPlayTime(port, &at);
+            std::printf("\r%3ds  %ux%u  %3u fps  at %u of %u s%s   ", s + 1, w, h, now - last, at, fileSeconds,
+                        g_fileEnd ? "  (end)" : "");
+        } else {
+            std::printf("\r%3ds  %ux%u  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, w, h,
+                        now - last, rate * 8 / 1000.0, lost, total, frames, slots);
+        }
         std::fflush(stdout);
         last = now;
     }
@@ -188,7 +242,11 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
                     snapshotPath.c_str());
     }
     Korvalen_StopPlay(port, win);
-    Korvalen_CloseNetStream(port);
+    if (file) {
+        Korvalen_CloseMediaFile(port);
+    } else {
+        Korvalen_CloseNetStream(port);
+    }
     Korvalen_FreePort(port);
     Korvalen_Cleanup();
     if (dpy) {
@@ -199,8 +257,9 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
 
 void Usage()
 {
-    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port [--headless] [--sound]\n"
+    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | FILE [--headless] [--sound]\n"
                 "                     [--duration SECONDS] [--snapshot FILE.ppm] [--fluency N]\n"
+                "                     FILE only: [--speed CODE] [--seek SECONDS] [--step N]\n"
                 "       korvalen-play --self-check\n");
 }
 
@@ -220,6 +279,7 @@ int main(int argc, char** argv)
     int duration = 0;
     uint32_t fluency = 1;
     std::string snapshot;
+    FileOptions fileOpt;
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--headless") {
@@ -232,10 +292,16 @@ int main(int argc, char** argv)
             snapshot = argv[++i];
         } else if (a == "--fluency" && i + 1 < argc) {
             fluency = static_cast<uint32_t>(std::atoi(argv[++i]));
+        } else if (a == "--speed" && i + 1 < argc) {
+            fileOpt.speed = std::atoi(argv[++i]);
+        } else if (a == "--seek" && i + 1 < argc) {
+            fileOpt.seek = std::atoi(argv[++i]);
+        } else if (a == "--step" && i + 1 < argc) {
+            fileOpt.step = std::atoi(argv[++i]);
         } else {
             Usage();
             return 2;
         }
     }
-    return Play(argv[1], headless, sound, duration, snapshot, fluency);
+    return Play(argv[1], headless, sound, duration, snapshot, fluency, fileOpt);
 }
