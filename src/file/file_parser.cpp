@@ -135,7 +135,9 @@ uint32_t File_CreateFileParser(const char* name, FileParserInfo* info)
                 File_ResetTsDemux(info);
             }
         } else if (ProbeAvi(info->file) || ProbeTolk(info->file)) {
-            // Recognised, but their readers are not part of this build.
+            // The AVI reader (AVI_CreateAviParser from the name) and the own
+            // record format reader (TOLK_CreateTolkParser) hook in here; until
+            // they exist such files answer as unsupported content.
             result = kFileErrUnsupported;
         } else {
             result = kFileErrUnsupported;
@@ -182,11 +184,7 @@ uint32_t File_CreateTsParser(const char* name, FileParserInfo* info)
 
 void File_DestroyTsParser(FileParserInfo* info)
 {
-    if (!info) {
-        return;
-    }
-    QMX_FileClose(info->file);
-    std::memset(static_cast<void*>(info), 0, sizeof *info);
+    File_DestroyFileParser(info); // it holds only the stream
 }
 
 uint32_t File_GetFileProperty(FileParserInfo* info)

@@ -7,10 +7,27 @@
 #include <string>
 #include <vector>
 
+#include "codec/code_manager.h"
 #include "codec_media.h"
+#include <gtest/gtest.h>
+
 #include "file/file_parser.h"
 #include "korvalen_types.h"
+#include "platform/qmx_heap.h"
 #include "test_env.h"
+
+// A dispatcher record on a fresh heap; everything must be released after.
+struct FileReaderTest : ::testing::Test {
+    FileParserInfo info{};
+    void SetUp() override { ASSERT_EQ(QMX_HeapCreate(1), 0u); }
+    void TearDown() override
+    {
+        File_DestroyFileParser(&info);
+        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+        QMX_HeapDestroy();
+    }
+    uint32_t Open(const std::string& path) { return File_CreateFileParser(path.c_str(), &info); }
+};
 
 struct ReadFrame {
     Bytes data;
@@ -81,4 +98,40 @@ inline uint32_t Load32(const Bytes& b, size_t at)
 {
     return static_cast<uint32_t>(b[at]) << 24 | static_cast<uint32_t>(b[at + 1]) << 16 |
            static_cast<uint32_t>(b[at + 2]) << 8 | b[at + 3];
+}
+
+// Decodes frames with the codec manager and returns the picture MD5s in
+// output order, drained pictures included.
+inline std::vector<std::string> DecodeFrames(const std::vector<ReadFrame>& frames, uint32_t codec)
+{
+    std::vector<std::string> md5s;
+    if (frames.empty()) {
+        return md5s;
+    }
+    CODE_HANDLE h{};
+    CODE_PARAM p{};
+    p.data = frames[0].data.data();
+    p.length = static_cast<uint32_t>(frames[0].data.size());
+    if (CODE_CreateCode(CODE_DIR_DECODER, codec, &p, &h) != KORVALEN_OK) {
+        return md5s;
+    }
+    CODE_OUTPUT out;
+    for (const auto& f : frames) {
+        CODE_INPUT in{};
+        in.data = f.data.data();
+        in.length = static_cast<uint32_t>(f.data.size());
+        if (CODE_Decoder(&h, &in, &out) == KORVALEN_OK) {
+            md5s.push_back(PictureMd5(out));
+        }
+    }
+    for (int i = 0; i < 64; ++i) {
+        CODE_INPUT in{};
+        in.flags = CODE_FLAG_DRAIN;
+        if (CODE_Decoder(&h, &in, &out) != KORVALEN_OK) {
+            break;
+        }
+        md5s.push_back(PictureMd5(out));
+    }
+    CODE_FreeCode(&h);
+    return md5s;
 }

@@ -5,57 +5,16 @@
 
 #include <gtest/gtest.h>
 
-#include "codec/code_manager.h"
 #include "file_media.h"
 #include "log_capture.h"
 #include "platform/qmx_heap.h"
 
 namespace {
 
-struct Mp4Test : ::testing::Test {
-    FileParserInfo info{};
-    void SetUp() override { ASSERT_EQ(QMX_HeapCreate(1), 0u); }
-    void TearDown() override
-    {
-        File_DestroyFileParser(&info);
-        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-        QMX_HeapDestroy();
-    }
-    uint32_t Open(const std::string& path) { return File_CreateFileParser(path.c_str(), &info); }
-};
+struct Mp4Test : FileReaderTest {};
 
 // Decodes frames with the codec manager and returns the picture MD5s,
 // drained pictures included.
-std::vector<std::string> DecodeMd5s(const std::vector<ReadFrame>& frames, uint32_t codec)
-{
-    std::vector<std::string> md5s;
-    CODE_HANDLE h{};
-    CODE_PARAM p{};
-    p.data = frames[0].data.data();
-    p.length = static_cast<uint32_t>(frames[0].data.size());
-    if (CODE_CreateCode(CODE_DIR_DECODER, codec, &p, &h) != KORVALEN_OK) {
-        return md5s;
-    }
-    CODE_OUTPUT out;
-    for (const auto& f : frames) {
-        CODE_INPUT in{};
-        in.data = f.data.data();
-        in.length = static_cast<uint32_t>(f.data.size());
-        if (CODE_Decoder(&h, &in, &out) == KORVALEN_OK) {
-            md5s.push_back(PictureMd5(out));
-        }
-    }
-    for (int i = 0; i < 64; ++i) {
-        CODE_INPUT in{};
-        in.flags = CODE_FLAG_DRAIN;
-        if (CODE_Decoder(&h, &in, &out) != KORVALEN_OK) {
-            break;
-        }
-        md5s.push_back(PictureMd5(out));
-    }
-    CODE_FreeCode(&h);
-    return md5s;
-}
 
 } // namespace
 
@@ -112,7 +71,7 @@ TEST_F(Mp4Test, H264FramesAreAnnexBWithParameterSetsAndDecodeLikeFfmpeg)
             ++pps;
         }
         EXPECT_LT(pps + 5, key.size()) << "no PPS after the SPS";
-        EXPECT_EQ(DecodeMd5s(video, KORVALEN_CODEC_H264), FfmpegFrameMd5(path, "", "-map 0:v"));
+        EXPECT_EQ(DecodeFrames(video, KORVALEN_CODEC_H264), FfmpegFrameMd5(path, "", "-map 0:v"));
         File_DestroyFileParser(&info);
     }
 }

@@ -5,55 +5,13 @@
 
 #include <gtest/gtest.h>
 
-#include "codec/code_manager.h"
 #include "file_media.h"
 #include "log_capture.h"
 #include "platform/qmx_heap.h"
 
 namespace {
 
-struct TsTest : ::testing::Test {
-    FileParserInfo info{};
-    void SetUp() override { ASSERT_EQ(QMX_HeapCreate(1), 0u); }
-    void TearDown() override
-    {
-        File_DestroyFileParser(&info);
-        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-        QMX_HeapDestroy();
-    }
-    uint32_t Open(const std::string& path) { return File_CreateFileParser(path.c_str(), &info); }
-};
-
-std::vector<std::string> Decode(const std::vector<ReadFrame>& frames, uint32_t codec)
-{
-    std::vector<std::string> md5s;
-    CODE_HANDLE h{};
-    CODE_PARAM p{};
-    p.data = frames[0].data.data();
-    p.length = static_cast<uint32_t>(frames[0].data.size());
-    if (CODE_CreateCode(CODE_DIR_DECODER, codec, &p, &h) != KORVALEN_OK) {
-        return md5s;
-    }
-    CODE_OUTPUT out;
-    for (const auto& f : frames) {
-        CODE_INPUT in{};
-        in.data = f.data.data();
-        in.length = static_cast<uint32_t>(f.data.size());
-        if (CODE_Decoder(&h, &in, &out) == KORVALEN_OK) {
-            md5s.push_back(PictureMd5(out));
-        }
-    }
-    for (int i = 0; i < 64; ++i) {
-        CODE_INPUT in{};
-        in.flags = CODE_FLAG_DRAIN;
-        if (CODE_Decoder(&h, &in, &out) != KORVALEN_OK) {
-            break;
-        }
-        md5s.push_back(PictureMd5(out));
-    }
-    CODE_FreeCode(&h);
-    return md5s;
-}
+struct TsTest : FileReaderTest {};
 
 // The file's audio stream as ffmpeg copies it out: MP2 frames or ADTS.
 Bytes FfmpegAudio(const std::string& path, const char* format)
@@ -103,7 +61,7 @@ TEST_F(TsTest, PropertiesFramesAndPicturesOfBothCodecs)
         EXPECT_EQ(video[0].frameType, 0u);
         EXPECT_EQ(std::count_if(video.begin(), video.end(), [](const ReadFrame& f) { return f.frameType == 0; }), 3);
         EXPECT_TRUE(audio == FfmpegAudio(path, c.audioFormat)) << "audio differs from the stream ffmpeg copies";
-        EXPECT_EQ(Decode(video, c.video), FfmpegFrameMd5(path, "", "-map 0:v"));
+        EXPECT_EQ(DecodeFrames(video, c.video), FfmpegFrameMd5(path, "", "-map 0:v"));
 
         // Video-only reading after a rewind gives the same frames.
         ASSERT_EQ(File_SetPlayTime(&info, 0, 25), 0u);
