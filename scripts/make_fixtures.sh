@@ -111,3 +111,21 @@ fixture file_h264_mp2.ts "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -
 fixture file_hevc_aac.ts "${file_src[@]}" -c:v libx265 -preset ultrafast \
   -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=0 -pix_fmt yuv420p -c:a aac -b:a 64k \
   -f mpegts
+# Marked frames: the private SEI mark (an SEI whose payload type byte is '!')
+# put in front of frames 10 and 40 of an H.264 stream with access unit
+# delimiters, then muxed into MP4.
+if [ ! -s "$out/file_marked.mp4" ]; then
+  fixture file_marked_src.h264 -f lavfi -i testsrc2=size=320x240:rate=25 -t 3 -c:v libx264 -preset ultrafast \
+    -g 25 -bf 0 -x264-params aud=1 -pix_fmt yuv420p -f h264
+  python3 - "$out/file_marked_src.h264" "$out/file_marked.h264" <<'PY'
+import sys
+data = open(sys.argv[1], 'rb').read()
+aud = b'\x00\x00\x00\x01\x09'
+mark = b'\x00\x00\x00\x01\x06\x21\x01\x00\x80'
+out = bytearray()
+for i, unit in enumerate(data.split(aud)[1:]):
+    out += aud + unit[:1] + (mark if i in (10, 40) else b'') + unit[1:]
+open(sys.argv[2], 'wb').write(out)
+PY
+  fixture file_marked.mp4 -r 25 -i "$out/file_marked.h264" -c copy -f mp4
+fi

@@ -1,11 +1,13 @@
 // Local file playback through the C API, headless (window 0): pictures from
 // the decoded-video callback against ffmpeg's decode of the same file, the
 // end-of-file report, stepping, seeking, speed, and refusals.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <mutex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -244,6 +246,30 @@ TEST_F(FilePlayTest, RefusalsAndFileKinds)
     KORVALEN_MARK_INFO* marks = reinterpret_cast<KORVALEN_MARK_INFO*>(1);
     ASSERT_EQ(Korvalen_CheckMark(port, &q, &marks), 1);
     EXPECT_EQ(marks, nullptr) << "no marked frames in an ffmpeg file";
+    ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+
+    // Marked frames of a recording, within a range, without moving playback.
+    std::string marked = FixturePath("file_marked.mp4");
+    REQUIRE_FIXTURE(marked);
+    ASSERT_EQ(Korvalen_OpenMediaFile(port, marked.c_str()), 1);
+    ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+    for (auto [from, to, want] : {std::tuple<uint32_t, uint32_t, size_t>{0, 0, 2}, {1, 0, 1}, {0, 1, 2}, {2, 0, 0}}) {
+        KORVALEN_MARK_QUERY range{from, to};
+        ASSERT_EQ(Korvalen_CheckMark(port, &range, &marks), 1);
+        std::vector<uint64_t> stamps;
+        for (KORVALEN_MARK_INFO* m = marks; m; m = m->next) {
+            stamps.push_back(m->timestamp_90k / 3600);
+            EXPECT_EQ(m->time_seconds, m->timestamp_90k / 90000);
+        }
+        EXPECT_EQ(stamps.size(), want) << from << ".." << to;
+        for (uint64_t frame : stamps) {
+            EXPECT_TRUE(frame == (from ? 40u : 10u) || frame == 40u) << frame;
+        }
+        if (marks) {
+            EXPECT_EQ(Korvalen_FreeMarkInfo(marks), 1);
+        }
+    }
+    EXPECT_EQ(Stamp(), 0u) << "the play position stays";
     ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
 
     uint32_t real = 0;

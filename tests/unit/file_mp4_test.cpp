@@ -308,3 +308,18 @@ TEST_F(Mp4Test, OutOfMemoryAtEveryStepLeavesNothingBehind)
         EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
     }
 }
+
+TEST_F(Mp4Test, MarkedModeGivesKeyFramesAndFramesCarryingTheMark)
+{
+    std::string path = FixturePath("file_marked.mp4");
+    REQUIRE_FIXTURE(path);
+    ASSERT_EQ(Open(path), 0u);
+    // The first two frames of this mode are the first key frame and the
+    // first marked frame: that is what the opening measures.
+    EXPECT_FLOAT_EQ(info.iFrameInterval, 400.0f);
+    std::vector<uint64_t> stamps;
+    for (const auto& f : ReadAllFrames(&info, FILE_READ_MARKED)) {
+        stamps.push_back(f.timeStamp / 3600);
+    }
+    EXPECT_EQ(stamps, (std::vector<uint64_t>{0, 10, 25, 40, 50}));
+}
