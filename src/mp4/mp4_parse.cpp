@@ -133,7 +133,7 @@ uint32_t MP4_MakeOneFrame(FILE* file, Mp4Info* info, const Mp4Sample* sample, Mp
     info->cursor = static_cast<uint32_t>(sample - info->samples) + 1; // a failing sample is not retried
     uint8_t* out = frame->buffer;
     uint32_t n = 0;
-    if (video && sample->key && t.entry.hasAvcC) {
+    if (video && sample->key && t.entry.hasAvcC && t.entry.sps && t.entry.pps) { // a record without sets adds none
         const uint64_t sets = 8ull + t.entry.spsLength + t.entry.ppsLength;
         if (sets + sample->size > kMp4FrameBufferSize) {
             MP4_LOG(KORVALEN_LOG_ERROR, "MP4_MakeOneFrame fail, frame size(%u) over buffer", sample->size);
