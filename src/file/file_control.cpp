@@ -47,7 +47,7 @@ uint32_t Player_SpeedPlay(uint32_t port, uint32_t speed)
         return KORVALEN_ERR_NOT_SUPPORTED;
     }
     PortFile& pf = rec->file;
-    const float streamRate = static_cast<float>(rec->stream.frameRate);
+    const float streamRate = static_cast<float>(rec->playback.frameRate.load());
     const float playRate = static_cast<float>(rec->playback.fileFrameRate.load());
     const uint32_t slow = file && rec->playback.videoCodec != kVideoDecoderMjpeg ? 4 : 1;
     uint32_t ctrl = 0;
@@ -291,7 +291,7 @@ uint32_t Player_CheckMark(uint32_t port, const KORVALEN_MARK_QUERY* query, KORVA
     }
     rec->file.markCheck = 1;
     if (query->start_seconds) {
-        File_SetPlayTime(scan, query->start_seconds, rec->stream.frameRate);
+        File_SetPlayTime(scan, query->start_seconds, rec->playback.frameRate);
     }
     KORVALEN_MARK_INFO** tail = marks;
     while (rec->file.markCheck) {

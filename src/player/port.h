@@ -72,8 +72,8 @@ struct PortRecord {
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
-    uint32_t frameInterval = 40; // ms
-    float speedFactor = 1.0f;
+    uint32_t frameInterval = 40;          // ms
+    std::atomic<float> speedFactor{1.0f}; // set by the caller, read by the play and render threads
     uint32_t workBufferSizes[3] = {kWorkBufferSize, kWorkBufferSize, kWorkBufferSize};
     uint32_t gpuDecode = 0;    // copy of the global switch at allocation
     int32_t seekRequest = -1;  // seconds, -1 = none
