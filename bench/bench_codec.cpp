@@ -17,43 +17,17 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "bench_util.h"
 #include "codec/code_internal.h"
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
 
 namespace {
 
-using Packets = std::vector<std::vector<uint8_t>>;
-
-Packets ReadPackets(const std::string& path, size_t limit)
-{
-    Packets out;
-    AVFormatContext* fmt = nullptr;
-    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) {
-        return out;
-    }
-    AVPacket* pkt = av_packet_alloc();
-    while (out.size() < limit && av_read_frame(fmt, pkt) >= 0) {
-        out.emplace_back(pkt->data, pkt->data + pkt->size);
-        av_packet_unref(pkt);
-    }
-    av_packet_free(&pkt);
-    avformat_close_input(&fmt);
-    return out;
-}
-
-double Now()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-double CpuSeconds(int who)
-{
-    rusage ru{};
-    getrusage(who, &ru);
-    return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
-           static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
+using bench::CpuSeconds;
+using bench::Now;
+using bench::Packets;
+using bench::ReadPackets;
 
 struct Result {
     double wall = 0;

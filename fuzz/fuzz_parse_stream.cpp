@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "korvalen_types.h"
+#include "platform/qmx_heap.h"
 #include "player/port.h"
 #include "player/stream_decode.h"
 
@@ -35,11 +36,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                     __builtin_trap();
                 }
             }
-        } while (rec->stream.parseMode == PARSE_TS && rec->stream.ts.resume && ++guard < 100000);
+        } while (((rec->stream.parseMode == PARSE_TS && rec->stream.ts.resume) ||
+                  (rec->stream.parseMode == PARSE_FLV && rec->stream.flv.resume)) &&
+                 ++guard < 100000);
         at += n;
     }
     rec->stream.frameBuffer = nullptr;
     rec->stream.audioBuffer = nullptr;
+    QMX_HeapFree(rec->stream.flvTag);
     delete rec;
     return 0;
 }

@@ -164,11 +164,16 @@ KORVALEN_API int32_t Korvalen_PauseLive(uint32_t port, uint32_t pause);
 KORVALEN_API int32_t Korvalen_SetPictureFluency(uint32_t port, uint32_t fluency);
 /** Decode each frame as soon as it arrives (low-delay decoder). */
 KORVALEN_API int32_t Korvalen_SetOneFrameDecodeMode(uint32_t port);
-/** Not built yet. Switch GPU decoding for ports allocated later; returns the
- *  switch's new state for enable 1, else 1. */
+/** Switch GPU decoding for ports allocated later; returns the switch's new
+ *  state for enable 1 (0 when this machine has no GPU decoder), else 1. */
 KORVALEN_API int32_t Korvalen_AbleGpuDecode(uint32_t enable);
-/** Not built yet. As Korvalen_AbleGpuDecode with device options; the last two
- *  pointers receive the probed device kind and session count (may be null). */
+/** As Korvalen_AbleGpuDecode, first opening the device the options name
+ *  (kind and path; null options keep the device probed at start-up) and
+ *  limiting how many ports decode on it at once (0 = no limit; the others
+ *  decode in software). The last two pointers receive the kind of the device
+ *  in use (0 none, 1 VAAPI, 2 CUDA) and the session limit; they may be null.
+ *  GPU decoding is used by ports that show their pictures in a window.
+ *  Fails with 7 when enable is 1 and there is no GPU decoder. */
 KORVALEN_API int32_t Korvalen_AbleGpuDecodeEx(uint32_t enable, const KORVALEN_GPU_OPTIONS* options,
                                               uint32_t* device_kind, uint32_t* sessions);
 /** Frame rate of the stream. */

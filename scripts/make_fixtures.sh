@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Generates the test media into the given folder (default build/fixtures)
 # with ffmpeg. Nothing large is committed; files already made are kept.
+# --sample-only makes just the demo's built-in sample.
 set -euo pipefail
+sample_only=0
+if [ "${1:-}" = "--sample-only" ]; then sample_only=1; shift; fi
 out=${1:-build/fixtures}
 mkdir -p "$out"
 
@@ -11,6 +14,21 @@ fixture() { # fixture NAME ffmpeg-arguments...
   ffmpeg -hide_banner -loglevel error -y "$@" "$out/$name.tmp.${name##*.}"
   mv "$out/$name.tmp.${name##*.}" "$out/$name"
 }
+
+# The built-in sample: ten seconds of a moving test pattern with a running
+# clock, and a 1 kHz tone in G.711 as cameras send it.
+fixture sample.mkv -f lavfi \
+  -i "testsrc2=size=640x360:rate=25,drawtext=text='%{pts\\:hms}':fontsize=36:fontcolor=white:box=1:boxcolor=black@0.6:x=16:y=16" \
+  -f lavfi -i sine=frequency=1000:sample_rate=8000 -t 10 -c:v libx264 -preset ultrafast -g 25 -bf 0 \
+  -pix_fmt yuv420p -c:a pcm_mulaw -ar 8000 -ac 1 -f matroska
+[ $sample_only -eq 1 ] && exit 0
+
+# Live benchmark: ten seconds of 720p at a camera's 2 Mbit/s.
+fixture live_720p_2m.mkv -f lavfi -i testsrc2=size=1280x720:rate=25 -t 10 -c:v libx264 -preset ultrafast \
+  -b:v 2M -maxrate 2M -bufsize 1M -g 50 -bf 0 -pix_fmt yuv420p -f matroska
+# Live streams from korvalen-send: three seconds, key frame every ten, G.711.
+fixture live_h264_g711.mkv -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
+  -t 3 -c:v libx264 -preset ultrafast -g 10 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f matroska
 
 # Two seconds of 25 fps H.264 with G.711 sound, key frame every second.
 fixture h264_g711.ts -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
@@ -89,6 +107,12 @@ fixture rtp_g711a.raw -f lavfi -i sine=frequency=440:sample_rate=8000 -t 1 -c:a 
 # Pushed MPEG-TS: H.264 and AAC, as a recorder or a camera's TS output sends.
 fixture h264_aac.ts -f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i sine=frequency=1000:sample_rate=44100 \
   -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a aac -b:a 64k -f mpegts
+# Pushed FLV: H.264 with B-frames and AAC, and H.264 with G.711, as a
+# streaming server relays them.
+fixture h264_aac.flv -f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i sine=frequency=1000:sample_rate=44100 \
+  -t 2 -c:v libx264 -preset veryfast -g 25 -bf 2 -pix_fmt yuv420p -c:a aac -b:a 64k -f flv
+fixture h264_g711.flv -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=8000 \
+  -t 2 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -c:a pcm_mulaw -f flv
 # A solid red picture with a blue square, for checking what reaches a window.
 fixture h264_red_square.h264 -f lavfi -i "color=c=red:size=320x240:rate=25,drawbox=x=0:y=0:w=80:h=60:color=blue:t=fill" \
   -t 1 -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p -f h264

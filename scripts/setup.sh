@@ -14,7 +14,7 @@ PKGS=(
   gstreamer1.0-rtsp libgstrtspserver-1.0-dev
   xvfb x11-apps imagemagick
   pulseaudio pulseaudio-utils
-  iproute2 libjpeg-turbo-progs
+  iproute2 libjpeg-turbo-progs fonts-dejavu-core
 )
 
 missing=()

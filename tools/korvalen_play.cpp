@@ -1,13 +1,16 @@
 // korvalen-play: the demo player. Plays a live RTP stream (UDP, or
-// "$"-framed TCP) or a local MP4 / MPEG-TS file on one port, in an X11
-// window or headless, prints live statistics once a second, and can save a
-// snapshot of the picture shown.
+// "$"-framed TCP), an MPEG-TS stream pushed in on standard input, or a local
+// MP4 / MPEG-TS file, on one port, in an X11 window or headless, prints live
+// statistics once a second, and can save a snapshot of the picture shown and
+// a screenshot of the window.
 //   korvalen-play udp://[local-ip]:port [options]
 //   korvalen-play tcp://host:port [options]
+//   ffmpeg ... -f mpegts - | korvalen-play --stdin-ts [options]
 //   korvalen-play FILE [options]
 //   korvalen-play --self-check
 // Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
-//          --fluency N (0 off, 1 normal, 3 low delay, 4 smooth)
+//          --screenshot FILE.ppm, --fluency N (0 off, 1 normal, 3 low delay,
+//          4 smooth)
 // Files:   --speed CODE (Korvalen_SpeedPlay code, 2 = normal), --seek SECONDS,
 //          --step N (show N frames one by one, then stay paused)
 #include <atomic>
@@ -22,6 +25,9 @@
 #include <vector>
 
 #include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include "korvalen.h"
 
@@ -85,20 +91,6 @@ struct Snapshot {
 };
 
 std::atomic<uint32_t> g_pictures{0};
-std::atomic<bool> g_fileEnd{false};
-
-void OnRunMsg(const KORVALEN_RUN_MSG* m)
-{
-    if (m->code == KORVALEN_ERR_FILE_END) {
-        g_fileEnd = true;
-    }
-}
-
-struct FileOptions {
-    int speed = -1;
-    int seek = -1;
-    int step = 0;
-};
 
 void OnDecoded(uint32_t, const KORVALEN_DECODED_VIDEO*, void*, uint32_t, uint32_t)
 {
@@ -117,33 +109,114 @@ void OnDraw(uint32_t, const KORVALEN_DRAW_SURFACE* s, void* user, uint32_t)
     }
 }
 
-bool SavePpm(Snapshot& snap, const std::string& path)
+bool WritePpm(const std::string& path, const uint8_t* bgra, uint32_t width, uint32_t height, size_t stride)
 {
-    std::lock_guard<std::mutex> lock(snap.lock);
-    if (snap.bgra.empty()) {
-        return false;
-    }
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) {
         return false;
     }
-    std::fprintf(f, "P6\n%u %u\n255\n", snap.width, snap.height);
-    for (size_t i = 0; i < snap.bgra.size(); i += 4) {
-        uint8_t rgb[3] = {snap.bgra[i + 2], snap.bgra[i + 1], snap.bgra[i]};
-        std::fwrite(rgb, 1, 3, f);
+    std::fprintf(f, "P6\n%u %u\n255\n", width, height);
+    for (uint32_t y = 0; y < height; ++y) {
+        const uint8_t* row = bgra + y * stride;
+        for (uint32_t x = 0; x < width; ++x) {
+            uint8_t rgb[3] = {row[x * 4 + 2], row[x * 4 + 1], row[x * 4]};
+            std::fwrite(rgb, 1, 3, f);
+        }
     }
-    std::fclose(f);
-    return true;
+    return std::fclose(f) == 0;
 }
 
-int Play(const std::string& url, bool headless, bool sound, int duration, const std::string& snapshotPath,
-         uint32_t fluency, const FileOptions& fileOpt)
+bool SavePpm(Snapshot& snap, const std::string& path)
 {
+    std::lock_guard<std::mutex> lock(snap.lock);
+    return !snap.bgra.empty() && WritePpm(path, snap.bgra.data(), snap.width, snap.height, size_t{snap.width} * 4);
+}
+
+// What the window shows right now, read back from the X server.
+bool SaveWindow(Display* dpy, Window win, const std::string& path)
+{
+    XWindowAttributes wa{};
+    if (!dpy || !win || !XGetWindowAttributes(dpy, win, &wa)) {
+        return false;
+    }
+    XImage* img = XGetImage(dpy, win, 0, 0, static_cast<unsigned>(wa.width), static_cast<unsigned>(wa.height),
+                            AllPlanes, ZPixmap);
+    if (!img) {
+        return false;
+    }
+    bool ok = img->bits_per_pixel == 32 &&
+              WritePpm(path, reinterpret_cast<const uint8_t*>(img->data), static_cast<uint32_t>(img->width),
+                       static_cast<uint32_t>(img->height), static_cast<size_t>(img->bytes_per_line));
+    XDestroyImage(img);
+    return ok;
+}
+
+// Pushes standard input into the port as it arrives; InputMediaData waits
+// while the port's buffer is full, so a fast producer is slowed, not dropped.
+void FeedStdin(uint32_t port)
+{
+    std::vector<uint8_t> chunk(188 * 64);
+    while (!g_stop) {
+        pollfd p{STDIN_FILENO, POLLIN, 0};
+        if (poll(&p, 1, 100) == 0) {
+            continue; // look at the stop flag now and then
+        }
+        ssize_t n = read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (n <= 0) {
+            break;
+        }
+        while (!g_stop && !Korvalen_InputMediaData(port, chunk.data(), static_cast<uint32_t>(n)) &&
+               Korvalen_GetLastError() == KORVALEN_ERR_BUFFER_FULL) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+}
+
+std::atomic<bool> g_fileEnd{false};
+
+void OnRunMsg(const KORVALEN_RUN_MSG* m)
+{
+    if (m->code == KORVALEN_ERR_FILE_END) {
+        g_fileEnd = true;
+    }
+}
+
+struct PlayOptions {
+    bool headless = false, sound = false;
+    int duration = 0;
+    uint32_t fluency = 1;
+    std::string snapshot, screenshot;
+    int speed = -1; // files
+    int seek = -1;
+    int step = 0;
+};
+
+// A file: seek, then single steps or play at the speed asked.
+void StartFile(uint32_t port, Window win, const PlayOptions& o)
+{
+    if (o.seek >= 0 && !Korvalen_SetPlayedTime(port, static_cast<uint32_t>(o.seek))) {
+        std::fprintf(stderr, "korvalen-play: cannot seek to %d s (error %u)\n", o.seek, Korvalen_GetLastError());
+    }
+    if (o.speed >= 0 && o.step == 0 && !Korvalen_SpeedPlay(port, static_cast<uint32_t>(o.speed))) {
+        std::fprintf(stderr, "korvalen-play: speed %d refused (error %u)\n", o.speed, Korvalen_GetLastError());
+    }
+    Korvalen_StartPlay(port, win);
+    for (int i = 0; i < o.step && !g_stop; ++i) {
+        Korvalen_AFrameGo(port); // one frame, then paused
+        KORVALEN_PLAY_TIME t{};
+        Korvalen_GetPlayTimeEx(port, &t);
+        std::printf("step %d: frame time %.3f s\n", i + 1, static_cast<double>(t.timestamp_90k) / 90000.0);
+    }
+}
+
+int Play(const std::string& url, const PlayOptions& o)
+{
+    bool stdinTs = url == "--stdin-ts";
     bool tcp = url.rfind("tcp://", 0) == 0;
-    const bool file = !tcp && url.rfind("udp://", 0) != 0;
+    const bool file = !stdinTs && !tcp && url.rfind("udp://", 0) != 0;
     std::string host;
     uint16_t netPort = 0;
-    if (!file) {
+    if (!stdinTs && !file) {
         std::string rest = url.substr(6);
         size_t colon = rest.rfind(':');
         if (colon == std::string::npos) {
@@ -156,6 +229,10 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
         }
         netPort = static_cast<uint16_t>(std::atoi(rest.c_str() + colon + 1));
     }
+    const bool headless = o.headless, sound = o.sound;
+    // A file plays to its end unless told a duration; steps leave a moment to look.
+    const int duration = file && o.step > 0 && o.duration <= 0 ? 1 : o.duration;
+    const bool untilEnd = file && o.step == 0 && o.duration <= 0;
 
     Display* dpy = nullptr;
     Window win = 0;
@@ -172,50 +249,38 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
     uint32_t port = 0;
     Korvalen_AllocPort(&port);
     Snapshot snap;
-    Korvalen_SetPictureFluency(port, fluency);
+    Korvalen_SetPictureFluency(port, o.fluency);
     Korvalen_SetDecodeVideoMediaDataCB(port, &OnDecoded, 1, nullptr);
     Korvalen_SetDrawMediaDataCB(port, &OnDraw, &snap);
     Korvalen_SetPlayerRunMsgCB(&OnRunMsg);
-    int32_t ok = file  ? Korvalen_OpenMediaFile(port, url.c_str())
-                 : tcp ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
-                       : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
+    int32_t ok = stdinTs ? Korvalen_OpenInputStream(port, nullptr, 0, 0)
+                 : file  ? Korvalen_OpenMediaFile(port, url.c_str())
+                 : tcp   ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
+                         : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
     if (!ok) {
         std::fprintf(stderr, "korvalen-play: cannot open %s (error %u)\n", url.c_str(), Korvalen_GetLastError());
         Korvalen_Cleanup();
         return 1;
     }
-    if (file && fileOpt.seek >= 0 && !Korvalen_SetPlayedTime(port, static_cast<uint32_t>(fileOpt.seek))) {
-        std::fprintf(stderr, "korvalen-play: cannot seek to %d s (error %u)\n", fileOpt.seek, Korvalen_GetLastError());
-    }
-    if (file && fileOpt.step > 0) {
-        // Frames one by one: each step shows one frame and pauses the file.
-        Korvalen_StartPlay(port, win);
-        for (int i = 0; i < fileOpt.step && !g_stop; ++i) {
-            Korvalen_AFrameGo(port);
-            KORVALEN_PLAY_TIME t{};
-            Korvalen_GetPlayTimeEx(port, &t);
-            std::printf("step %d: frame time %.3f s\n", i + 1, static_cast<double>(t.timestamp_90k) / 90000.0);
-        }
+    if (file) {
+        StartFile(port, win, o);
     } else {
-        if (file && fileOpt.speed >= 0 && !Korvalen_SpeedPlay(port, static_cast<uint32_t>(fileOpt.speed))) {
-            std::fprintf(stderr, "korvalen-play: speed %d refused (error %u)\n", fileOpt.speed,
-                         Korvalen_GetLastError());
-        }
         Korvalen_StartPlay(port, win);
-    }
-    if (sound && !Korvalen_OpenSound(port)) {
-        std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
     }
     uint32_t fileSeconds = 0;
     if (file) {
         Korvalen_GetFileTime(port, &fileSeconds);
     }
-    std::printf("playing %s on port %u (%s)\n", url.c_str(), port, win ? "window" : "headless");
-    uint32_t last = 0;
-    const bool untilEnd = file && fileOpt.step == 0 && duration <= 0;
-    if (file && fileOpt.step > 0 && duration <= 0) {
-        duration = 1; // a moment to look at the last step
+    if (sound && !Korvalen_OpenSound(port)) {
+        std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
     }
+    std::printf("playing %s on port %u (%s)\n", stdinTs ? "standard input" : url.c_str(), port,
+                win ? "window" : "headless");
+    std::thread feeder;
+    if (stdinTs) {
+        feeder = std::thread(FeedStdin, port);
+    }
+    uint32_t last = 0;
     for (int s = 0; !g_stop && (untilEnd ? !g_fileEnd : (duration <= 0 || s < duration)); ++s) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         uint32_t rate = 0, lost = 0, total = 0, frames = 0, slots = 0, w = 0, h = 0;
@@ -237,12 +302,23 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
         last = now;
     }
     std::printf("\n%u pictures decoded\n", g_pictures.load());
-    if (!snapshotPath.empty()) {
-        std::printf(SavePpm(snap, snapshotPath) ? "snapshot written to %s\n" : "no picture for a snapshot (%s)\n",
-                    snapshotPath.c_str());
+    if (!o.snapshot.empty()) {
+        std::printf(SavePpm(snap, o.snapshot) ? "snapshot written to %s\n" : "no picture for a snapshot (%s)\n",
+                    o.snapshot.c_str());
+    }
+    if (!o.screenshot.empty()) {
+        std::printf(SaveWindow(dpy, win, o.screenshot) ? "window screenshot written to %s\n"
+                                                       : "no window to take a screenshot of (%s)\n",
+                    o.screenshot.c_str());
+    }
+    g_stop = true;
+    if (feeder.joinable()) {
+        feeder.join();
     }
     Korvalen_StopPlay(port, win);
-    if (file) {
+    if (stdinTs) {
+        Korvalen_CloseInputStream(port);
+    } else if (file) {
         Korvalen_CloseMediaFile(port);
     } else {
         Korvalen_CloseNetStream(port);
@@ -257,8 +333,9 @@ int Play(const std::string& url, bool headless, bool sound, int duration, const 
 
 void Usage()
 {
-    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | FILE [--headless] [--sound]\n"
-                "                     [--duration SECONDS] [--snapshot FILE.ppm] [--fluency N]\n"
+    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | --stdin-ts | FILE\n"
+                "                     [--headless] [--sound] [--duration SECONDS] [--snapshot FILE.ppm]\n"
+                "                     [--screenshot FILE.ppm] [--fluency N]\n"
                 "                     FILE only: [--speed CODE] [--seek SECONDS] [--step N]\n"
                 "       korvalen-play --self-check\n");
 }
@@ -275,33 +352,31 @@ int main(int argc, char** argv)
         return 2;
     }
     std::signal(SIGINT, [](int) { g_stop = true; });
-    bool headless = false, sound = false;
-    int duration = 0;
-    uint32_t fluency = 1;
-    std::string snapshot;
-    FileOptions fileOpt;
+    PlayOptions o;
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--headless") {
-            headless = true;
+            o.headless = true;
         } else if (a == "--sound") {
-            sound = true;
+            o.sound = true;
         } else if (a == "--duration" && i + 1 < argc) {
-            duration = std::atoi(argv[++i]);
+            o.duration = std::atoi(argv[++i]);
         } else if (a == "--snapshot" && i + 1 < argc) {
-            snapshot = argv[++i];
+            o.snapshot = argv[++i];
+        } else if (a == "--screenshot" && i + 1 < argc) {
+            o.screenshot = argv[++i];
         } else if (a == "--fluency" && i + 1 < argc) {
-            fluency = static_cast<uint32_t>(std::atoi(argv[++i]));
+            o.fluency = static_cast<uint32_t>(std::atoi(argv[++i]));
         } else if (a == "--speed" && i + 1 < argc) {
-            fileOpt.speed = std::atoi(argv[++i]);
+            o.speed = std::atoi(argv[++i]);
         } else if (a == "--seek" && i + 1 < argc) {
-            fileOpt.seek = std::atoi(argv[++i]);
+            o.seek = std::atoi(argv[++i]);
         } else if (a == "--step" && i + 1 < argc) {
-            fileOpt.step = std::atoi(argv[++i]);
+            o.step = std::atoi(argv[++i]);
         } else {
             Usage();
             return 2;
         }
     }
-    return Play(argv[1], headless, sound, duration, snapshot, fluency, fileOpt);
+    return Play(argv[1], o);
 }

@@ -24,6 +24,7 @@ std::mutex g_creationLock;
 AVBufferRef* g_device = nullptr;
 std::atomic<uint32_t> g_h264Able{0};
 std::atomic<uint32_t> g_h265Able{0};
+std::atomic<uint32_t> g_deviceKind{0}; // 0 none, 1 VAAPI, 2 CUDA
 
 bool DecoderHasHw(AVCodecID id, AVHWDeviceType type)
 {
@@ -54,16 +55,31 @@ AVBufferRef* CODE_GpuDevice()
 
 void CODE_ProbeGpu()
 {
-    if (g_device) {
-        return;
+    CODE_SelectGpu(0, nullptr);
+}
+
+uint32_t CODE_GpuDeviceKind()
+{
+    return g_deviceKind.load();
+}
+
+uint32_t CODE_SelectGpu(uint32_t kind, const char* device)
+{
+    if (g_device && kind == 0 && (!device || !*device)) {
+        return KORVALEN_OK; // the default device is already open
     }
+    CODE_ReleaseGpu();
     for (AVHWDeviceType type : {AV_HWDEVICE_TYPE_VAAPI, AV_HWDEVICE_TYPE_CUDA}) {
+        uint32_t thisKind = type == AV_HWDEVICE_TYPE_VAAPI ? 1 : 2;
+        if (kind != 0 && kind != thisKind) {
+            continue;
+        }
         AVBufferRef* dev = nullptr;
         // A missing device or driver is the normal answer here, not an error
         // worth libav's messages on standard error.
         int level = av_log_get_level();
         av_log_set_level(AV_LOG_QUIET);
-        int r = av_hwdevice_ctx_create(&dev, type, nullptr, nullptr, 0);
+        int r = av_hwdevice_ctx_create(&dev, type, device && *device ? device : nullptr, nullptr, 0);
         av_log_set_level(level);
         if (r < 0) {
             continue;
@@ -72,17 +88,20 @@ void CODE_ProbeGpu()
         g_h265Able = DecoderHasHw(AV_CODEC_ID_HEVC, type) ? 1 : 0;
         if (g_h264Able || g_h265Able) {
             g_device = dev;
+            g_deviceKind = thisKind;
             KORVALEN_LOG(KORVALEN_LOG_INFO, "This computer support gpu");
-            return;
+            return KORVALEN_OK;
         }
         av_buffer_unref(&dev);
     }
     KORVALEN_LOG(KORVALEN_LOG_INFO, "This computer not support gpu");
+    return KORVALEN_ERR_NOT_SUPPORTED;
 }
 
 void CODE_ReleaseGpu()
 {
     av_buffer_unref(&g_device);
+    g_deviceKind = 0;
     g_h264Able = 0;
     g_h265Able = 0;
 }

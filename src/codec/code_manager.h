@@ -28,6 +28,12 @@ uint32_t CODE_SetMp2DataCallBack(CODE_HANDLE* handle, CODE_MP2_DATA_CB callback,
 // decoding possible) in its first 8 of 32 bytes when enable is 1; otherwise
 // the state and the process-wide flags are cleared.
 uint32_t CODE_CatchHwDecEx(uint32_t enable, void* state);
+// Opens the GPU device of the given kind (0 any, 1 VAAPI, 2 CUDA) and path
+// (null or empty: the default) in place of the one probed at start-up; 0, or
+// 7 when there is none that decodes H.264 or H.265.
+uint32_t CODE_SelectGpu(uint32_t kind, const char* device);
+// Kind of the open GPU device, 0 when there is none.
+uint32_t CODE_GpuDeviceKind();
 // Copies the last GPU-decoded picture out as I420 into one new heap block
 // (output->planes[0], freed by the caller with QMX_HeapFree).
 uint32_t CODE_GetYuvData(CODE_HANDLE* handle, CODE_OUTPUT* output);

@@ -1,5 +1,6 @@
 #include "codec/code_sps_probe.h"
 
+#include <algorithm>
 #include <cstddef>
 
 namespace {
@@ -115,7 +116,41 @@ void SkipScalingList(BitReader& br, int size)
     }
 }
 
-bool ParseH264Sps(const uint8_t* rbsp, size_t n, uint32_t* width, uint32_t* height)
+// Frames per second from the VUI timing (two fields per frame), 0 when the
+// stream does not say.
+uint32_t ParseH264VuiRate(BitReader& br)
+{
+    if (!br.Bit()) { // vui_parameters_present_flag
+        return 0;
+    }
+    if (br.Bit() && br.Bits(8) == 255) { // aspect ratio, extended SAR
+        br.Skip(32);
+    }
+    if (br.Bit()) { // overscan info
+        br.Bit();
+    }
+    if (br.Bit()) { // video signal type
+        br.Skip(4);
+        if (br.Bit()) {
+            br.Skip(24);
+        }
+    }
+    if (br.Bit()) { // chroma location
+        br.Ue();
+        br.Ue();
+    }
+    if (!br.Bit()) { // timing info
+        return 0;
+    }
+    uint32_t unitsInTick = br.Bits(32);
+    uint32_t timeScale = br.Bits(32);
+    if (br.overrun || unitsInTick == 0) {
+        return 0;
+    }
+    return static_cast<uint32_t>(timeScale / (2ull * unitsInTick));
+}
+
+bool ParseH264Sps(const uint8_t* rbsp, size_t n, uint32_t* width, uint32_t* height, uint32_t* fps = nullptr)
 {
     BitReader br{rbsp, n * 8};
     br.Skip(8); // NAL header
@@ -197,10 +232,136 @@ bool ParseH264Sps(const uint8_t* rbsp, size_t n, uint32_t* width, uint32_t* heig
     }
     *width = w - static_cast<uint32_t>(cropW);
     *height = h - static_cast<uint32_t>(cropH);
+    if (fps) {
+        *fps = ParseH264VuiRate(br);
+    }
     return true;
 }
 
-bool ParseH265Sps(const uint8_t* rbsp, size_t n, uint32_t* width, uint32_t* height)
+// Short-term reference picture sets, only to get past them; numDeltaPocs
+// holds each set's count for the predicted ones that follow. False when the
+// values are out of range.
+bool SkipH265RefPicSets(BitReader& br, uint32_t count)
+{
+    uint32_t numDeltaPocs[65] = {};
+    for (uint32_t idx = 0; idx < count && !br.overrun; ++idx) {
+        if (idx != 0 && br.Bit()) { // predicted from the set before
+            br.Bit();
+            br.Ue();
+            uint32_t n = 0;
+            for (uint32_t j = 0; j <= numDeltaPocs[idx - 1]; ++j) {
+                uint32_t used = br.Bit();
+                if (used || br.Bit()) {
+                    ++n;
+                }
+            }
+            numDeltaPocs[idx] = n;
+            continue;
+        }
+        uint32_t neg = br.Ue(), pos = br.Ue();
+        if (neg > 16 || pos > 16) {
+            return false;
+        }
+        for (uint32_t j = 0; j < neg + pos; ++j) {
+            br.Ue();
+            br.Bit();
+        }
+        numDeltaPocs[idx] = neg + pos;
+    }
+    return !br.overrun;
+}
+
+void SkipH265ScalingLists(BitReader& br)
+{
+    for (int size = 0; size < 4; ++size) {
+        for (int matrix = 0; matrix < 6 && !br.overrun; matrix += size == 3 ? 3 : 1) {
+            if (!br.Bit()) {
+                br.Ue();
+                continue;
+            }
+            int coefs = std::min(64, 1 << (4 + (size << 1)));
+            if (size > 1) {
+                br.Se();
+            }
+            for (int i = 0; i < coefs && !br.overrun; ++i) {
+                br.Se();
+            }
+        }
+    }
+}
+
+// From the end of the conformance window to the VUI timing: frames per
+// second, 0 when the stream does not say.
+uint32_t ParseH265SpsRate(BitReader& br, uint32_t subLayers)
+{
+    br.Ue(); // luma bit depth
+    br.Ue(); // chroma bit depth
+    uint32_t pocBits = br.Ue() + 4;
+    uint32_t ordering = br.Bit();
+    for (uint32_t i = ordering ? 0 : subLayers; i <= subLayers && !br.overrun; ++i) {
+        br.Ue();
+        br.Ue();
+        br.Ue();
+    }
+    for (int i = 0; i < 6; ++i) {
+        br.Ue(); // coding and transform block sizes, hierarchy depths
+    }
+    if (br.Bit() && br.Bit()) {
+        SkipH265ScalingLists(br);
+    }
+    br.Skip(2);     // AMP, SAO
+    if (br.Bit()) { // PCM
+        br.Skip(8);
+        br.Ue();
+        br.Ue();
+        br.Bit();
+    }
+    uint32_t sets = br.Ue();
+    if (sets > 64 || !SkipH265RefPicSets(br, sets)) {
+        return 0;
+    }
+    if (br.Bit()) { // long-term reference pictures
+        uint32_t lt = br.Ue();
+        if (lt > 32) {
+            return 0;
+        }
+        br.Skip(static_cast<size_t>(lt) * (pocBits + 1));
+    }
+    br.Skip(2); // temporal MVP, strong intra smoothing
+    if (!br.Bit()) {
+        return 0; // no VUI
+    }
+    if (br.Bit() && br.Bits(8) == 255) {
+        br.Skip(32);
+    }
+    if (br.Bit()) {
+        br.Bit();
+    }
+    if (br.Bit()) {
+        br.Skip(4);
+        if (br.Bit()) {
+            br.Skip(24);
+        }
+    }
+    if (br.Bit()) {
+        br.Ue();
+        br.Ue();
+    }
+    br.Skip(3); // neutral chroma, field sequence, frame-field info
+    if (br.Bit()) {
+        for (int i = 0; i < 4; ++i) {
+            br.Ue();
+        }
+    }
+    if (!br.Bit()) {
+        return 0;
+    }
+    uint32_t unitsInTick = br.Bits(32);
+    uint32_t timeScale = br.Bits(32);
+    return br.overrun || unitsInTick == 0 ? 0 : timeScale / unitsInTick;
+}
+
+bool ParseH265Sps(const uint8_t* rbsp, size_t n, uint32_t* width, uint32_t* height, uint32_t* fps = nullptr)
 {
     BitReader br{rbsp, n * 8};
     br.Skip(16); // NAL header
@@ -246,12 +407,84 @@ bool ParseH265Sps(const uint8_t* rbsp, size_t n, uint32_t* width, uint32_t* heig
     }
     *width = w - static_cast<uint32_t>(cropW);
     *height = h - static_cast<uint32_t>(cropH);
+    if (fps) {
+        *fps = ParseH265SpsRate(br, subLayers);
+    }
     return true;
+}
+
+// Frame rate from the VPS timing (time scale over units per tick), 0 when
+// the stream does not say.
+uint32_t ParseH265VpsRate(const uint8_t* rbsp, size_t n)
+{
+    BitReader br{rbsp, n * 8};
+    br.Skip(16); // NAL header
+    br.Skip(12); // id, base layer flags, max layers
+    uint32_t subLayers = br.Bits(3);
+    br.Skip(17); // temporal nesting, reserved 0xFFFF
+    br.Skip(96); // general profile, tier and level
+    uint32_t profilePresent[8] = {}, levelPresent[8] = {};
+    for (uint32_t i = 0; i < subLayers; ++i) {
+        profilePresent[i] = br.Bit();
+        levelPresent[i] = br.Bit();
+    }
+    if (subLayers > 0) {
+        br.Skip(2 * (8 - subLayers));
+    }
+    for (uint32_t i = 0; i < subLayers; ++i) {
+        br.Skip((profilePresent[i] ? 88 : 0) + (levelPresent[i] ? 8 : 0));
+    }
+    uint32_t ordering = br.Bit();
+    for (uint32_t i = ordering ? 0 : subLayers; i <= subLayers && !br.overrun; ++i) {
+        br.Ue();
+        br.Ue();
+        br.Ue();
+    }
+    uint32_t maxLayerId = br.Bits(6);
+    uint32_t layerSets = br.Ue();
+    if (layerSets > 1023) {
+        return 0;
+    }
+    br.Skip(static_cast<size_t>(layerSets) * (maxLayerId + 1));
+    if (!br.Bit()) {
+        return 0;
+    }
+    uint32_t unitsInTick = br.Bits(32);
+    uint32_t timeScale = br.Bits(32);
+    return br.overrun || unitsInTick == 0 ? 0 : timeScale / unitsInTick;
 }
 
 } // namespace
 
+uint32_t CODE_ProbeH265Rate(const uint8_t* data, uint32_t length)
+{
+    if (!data) {
+        return 0;
+    }
+    // The VPS timing wins where both are given; x265 writes only the SPS one.
+    uint32_t vpsRate = 0, spsRate = 0;
+    auto isSlice = [](uint8_t header) { return ((header >> 1) & 0x3F) < 32; };
+    ForEachNal(data, length, isSlice, [&](const uint8_t* nal, size_t len) {
+        uint32_t type = len < 4 ? 0 : (nal[0] >> 1) & 0x3F;
+        uint8_t rbsp[kRbspMax];
+        if (type == 32 && !vpsRate) {
+            vpsRate = ParseH265VpsRate(rbsp, Unescape(nal, len, rbsp));
+        } else if (type == 33 && !spsRate) {
+            uint32_t w = 0, h = 0;
+            ParseH265Sps(rbsp, Unescape(nal, len, rbsp), &w, &h, &spsRate);
+        }
+        return false;
+    });
+    return vpsRate ? vpsRate : spsRate;
+}
+
 bool CODE_ProbeH264Size(const uint8_t* data, uint32_t length, uint32_t* width, uint32_t* height)
+{
+    uint32_t fps = 0;
+    return CODE_ProbeH264Sps(data, length, width, height, &fps);
+}
+
+bool CODE_ProbeH264Sps(const uint8_t* data, uint32_t length, uint32_t* width, uint32_t* height, uint32_t* fps)
 {
     if (!data) {
         return false;
@@ -263,7 +496,7 @@ bool CODE_ProbeH264Size(const uint8_t* data, uint32_t length, uint32_t* width, u
         }
         uint8_t rbsp[kRbspMax];
         size_t n = Unescape(nal, len, rbsp);
-        return ParseH264Sps(rbsp, n, width, height);
+        return ParseH264Sps(rbsp, n, width, height, fps);
     });
 }
 

@@ -59,7 +59,7 @@ int32_t Player_DecodeWaitMs(uint32_t fluency, uint32_t frameInterval, int32_t el
 }
 
 int32_t Player_RenderWaitMs(uint32_t fluency, uint32_t intervalMs, int32_t elapsedMs, uint32_t framesWaiting,
-                            uint32_t pictureBuffers, uint32_t frameRate, bool decodedQueueEmpty)
+                            uint32_t pictureBuffers, uint32_t frameRate, uint32_t picturesQueued)
 {
     uint32_t t = pictureBuffers;
     if (fluency == FLUENCY_LOW_DELAY) {
@@ -69,8 +69,10 @@ int32_t Player_RenderWaitMs(uint32_t fluency, uint32_t intervalMs, int32_t elaps
     if (fluency == FLUENCY_SMOOTH) {
         int32_t adjust = Player_PacingAdjust(framesWaiting, t, frameRate);
         wait += adjust < 0 ? -2 : adjust;
-    } else if (decodedQueueEmpty) {
+    } else if (picturesQueued == 0) {
         wait += kEmptyQueueBackoff;
+    } else if (picturesQueued > 1) {
+        return 0; // a picture is already waiting behind this one: catch up
     }
     return wait >= 1 && wait < 1000 ? wait : 0;
 }

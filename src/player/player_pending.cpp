@@ -39,16 +39,6 @@ uint32_t Player_CleanCache()
     return KORVALEN_ERR_NOT_SUPPORTED;
 }
 
-uint32_t Player_AbleGpuDecode(uint32_t)
-{
-    return 0; // no GPU decoding until the codec manager lands
-}
-
-uint32_t Player_AbleGpuDecodeEx(uint32_t, const KORVALEN_GPU_OPTIONS*, uint32_t*, uint32_t*)
-{
-    return KORVALEN_ERR_NOT_SUPPORTED;
-}
-
 uint32_t Player_SetRecordSize(uint32_t port, uint32_t)
 {
     return Player_NotBuilt(port);

@@ -41,26 +41,28 @@ uint32_t RenderInterval(const PortRecord* rec)
     return rec->frameInterval > kIntervalCap ? kIntervalCap : rec->frameInterval;
 }
 
-void ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
+// False when there was no picture to take: the caller then tries again
+// shortly instead of waiting a whole interval.
+bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
 {
     PortPlayback& pb = rec->playback;
     if (pb.livePaused) {
         PLAT_SleepMs(kNoPictureSleepMs); // the last picture stays on screen
-        return;
+        return false;
     }
     if (QUEUE_GetDecodeData(&pb.offscreen, held) != KORVALEN_OK) {
         PLAT_SleepMs(kNoPictureSleepMs);
-        return;
+        return false;
     }
     if (!*held) {
         KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] __RenderThreadEntry Warm, DecodeVideoData is null", rec->port);
-        return;
+        return true;
     }
     CBaseDisplay* display = rec->video.display;
     if (!display) {
         KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] __RenderThreadEntry Warm, DisplayDev is null", rec->port);
         PLAT_SleepMs(kNoPictureSleepMs);
-        return;
+        return false;
     }
     DISP_SETTINGS s;
     {
@@ -74,9 +76,10 @@ void ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
         if ((*failures)++ % kDisplayFailLogEvery == 0) {
             KORVALEN_LOG(KORVALEN_LOG_WARN, "Port %03d __RenderThreadEntry Warm, Video_DisPlayPic fail", rec->port);
         }
-        return;
+        return true;
     }
     ++pb.rendered;
+    return true;
 }
 
 void RenderThread(PortRecord* rec)
@@ -87,7 +90,12 @@ void RenderThread(PortRecord* rec)
     QUEUE_PICTURE_NODE* held = nullptr;
     uint32_t failures = 0;
     uint32_t stamp = PLAT_TickMs();
+    bool missed = false; // the last look found no picture: look again, without a new wait
     while (pb.rendering) {
+        if (missed) {
+            missed = !ShowNext(rec, &held, &failures);
+            continue;
+        }
         if (pb.renderMode == 1) {
             // Fixed interval only, rendering under the port's data lock.
             int32_t wait = static_cast<int32_t>(RenderInterval(rec)) - static_cast<int32_t>(PLAT_TickMs() - stamp);
@@ -112,14 +120,15 @@ void RenderThread(PortRecord* rec)
             } else {
                 int32_t wait =
                     Player_RenderWaitMs(fluency, RenderInterval(rec), elapsed, rec->packetBuffer.frameCount.load(),
-                                        pb.pictureBuffers, pb.frameRate, QUEUE_PictureCount(&pb.decoded) == 0);
+                                        pb.pictureBuffers, pb.frameRate, QUEUE_PictureCount(&pb.offscreen));
                 if (wait > 0) {
                     PLAT_SleepMs(static_cast<uint32_t>(wait));
                 }
             }
             stamp = PLAT_TickMs();
         }
-        ShowNext(rec, &held, &failures);
+        bool shown = ShowNext(rec, &held, &failures);
+        missed = Paced(fluency) && !shown;
     }
 }
 

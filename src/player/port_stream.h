@@ -9,6 +9,7 @@
 #include "codec/code_types.h"
 #include "net/rtp.h"
 #include "net/rtp_payload.h"
+#include "player/flv_parser.h"
 #include "player/ts_parser.h"
 
 constexpr uint32_t kFrameBufferSize = 0x200000; // 2 MiB, video assembly
@@ -44,16 +45,22 @@ struct PortStream {
     StreamFrame frame;
     uint32_t frameRate = 25;
     uint32_t rateFromStream = 0;
+    uint32_t width = 0; // H.265 size from the parameter sets, and whether it changed
+    uint32_t height = 0;
+    uint32_t resolutionChanged = 0;
     uint64_t prevTimestamp = 0;
     uint32_t hasPrevTimestamp = 0;
     uint32_t waitKeyFrame = 0;
     uint32_t soundDecode = 1; // decode audio frames
     TS_PARSER ts;
+    FLV_PARSER flv;
+    uint8_t* flvTag = nullptr; // made on the first FLV chunk
     RTP_STREAM_INFO rtpVideo;
     RTP_STREAM_INFO rtpAudio;
     // Decoders, made on the first frame of their codec.
     CODE_HANDLE video{};
     uint32_t videoOpen = 0;
+    uint32_t gpuFallback = 0; // the GPU failed this stream: software from now on
     CODE_HANDLE audio{};
     uint32_t audioOpen = 0;
     CODE_OUTPUT videoOut;

@@ -10,6 +10,8 @@
 #include "display/video_display.h"
 #include "log/log.h"
 #include "platform/platform.h"
+#include "platform/qmx_heap.h"
+#include "player/player_gpu.h"
 #include "player/player_pacing.h"
 #include "player/port.h"
 
@@ -90,6 +92,22 @@ void WaitForDecodeTime(PortRecord* rec)
     pb.lastDecodeStamp = PLAT_TickMs();
 }
 
+bool OnGpu(const CODE_HANDLE& h)
+{
+    return h.h264Gpu == 1 || h.h265Gpu == 1;
+}
+
+void FreeDecoder(CODE_HANDLE* h, uint32_t* open)
+{
+    if (*open && OnGpu(*h)) {
+        Player_GpuSessionClosed();
+    }
+    if (*open) {
+        CODE_FreeCode(h);
+    }
+    *open = 0;
+}
+
 // Makes (or re-makes, on a codec change) the decoder for the frame's codec.
 uint32_t FindDecode(PortRecord* rec, bool video)
 {
@@ -100,19 +118,44 @@ uint32_t FindDecode(PortRecord* rec, bool video)
     if (open && h.codecType == static_cast<int32_t>(st.frame.codecType)) {
         return KORVALEN_OK;
     }
-    if (open) {
-        CODE_FreeCode(&h);
-        open = 0;
-    }
-    h = CODE_HANDLE{};
+    FreeDecoder(&h, &open);
     CODE_PARAM param{};
     param.data = st.frame.data;
     param.length = st.frame.length;
     param.lowDelay = rec->playback.fluency == FLUENCY_LOW_DELAY || rec->playback.oneFrameDecode;
     param.window = rec->playback.window;
+    h = CODE_HANDLE{};
+    if (video && Player_WantGpu(rec, st.frame.codecType)) {
+        (st.frame.codecType == KORVALEN_CODEC_H265 ? h.h265Gpu : h.h264Gpu) = 1;
+        if (CODE_CreateCode(CODE_DIR_DECODER, st.frame.codecType, &param, &h) == KORVALEN_OK) {
+            Player_GpuSessionOpened();
+            open = 1;
+            return KORVALEN_OK;
+        }
+        h = CODE_HANDLE{}; // no GPU decoder for this stream: software it is
+    }
     uint32_t err = CODE_CreateCode(CODE_DIR_DECODER, st.frame.codecType, &param, &h);
     if (err == KORVALEN_OK) {
         open = 1;
+    }
+    return err;
+}
+
+// An H.265 key frame the GPU could not decode: this port goes to software
+// decoding for good, and the frame is decoded again there.
+uint32_t RetryOnSoftware(PortRecord* rec, const CODE_INPUT* in)
+{
+    PortStream& st = rec->stream;
+    st.gpuFallback = 1;
+    FreeDecoder(&st.video, &st.videoOpen);
+    uint32_t err = FindDecode(rec, true);
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] H265 GPU Player_FindDecode failed, error(0x%x)", rec->port, err);
+        return err;
+    }
+    err = CODE_Decoder(&st.video, in, &st.videoOut);
+    if (err != KORVALEN_OK && err != KORVALEN_ERR_DECODE_NO_OUTPUT) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] H265 GPU Player_Decoder failed, error(0x%x)", rec->port, err);
     }
     return err;
 }
@@ -134,6 +177,10 @@ void DecodeVideo(PortRecord* rec)
     in.length = st.frame.length;
     in.deinterlace = rec->video.deinterlaceMode == 1;
     err = CODE_Decoder(&st.video, &in, &st.videoOut);
+    if (err != KORVALEN_OK && err != KORVALEN_ERR_DECODE_NO_OUTPUT && OnGpu(st.video) &&
+        st.frame.codecType == KORVALEN_CODEC_H265 && st.frame.frameType == 0) {
+        err = RetryOnSoftware(rec, &in);
+    }
     if (err == KORVALEN_ERR_DECODE_NO_OUTPUT) {
         return;
     }
@@ -144,7 +191,16 @@ void DecodeVideo(PortRecord* rec)
         return;
     }
     ++st.decodedFrames;
-    CODE_OUTPUT& out = st.videoOut;
+    // A GPU picture is copied out as I420 for the queues and callbacks.
+    CODE_OUTPUT gpuOut;
+    if (OnGpu(st.video) && CODE_GetYuvData(&st.video, &gpuOut) != KORVALEN_OK) {
+        return;
+    }
+    struct GpuCopy {
+        CODE_OUTPUT& o;
+        ~GpuCopy() { QMX_HeapFree(o.planes[0]); }
+    } freeCopy{gpuOut};
+    CODE_OUTPUT& out = OnGpu(st.video) ? gpuOut : st.videoOut;
     rec->playback.pictureWidth = out.width;
     rec->playback.pictureHeight = out.height;
     {
@@ -289,7 +345,8 @@ void DecodeThread(PortRecord* rec)
                 ++st.lostPackets;
                 st.waitKeyFrame = 1;
             }
-        } while (st.parseMode == PARSE_TS && st.ts.resume && st.decodeRunning);
+        } while (((st.parseMode == PARSE_TS && st.ts.resume) || (st.parseMode == PARSE_FLV && st.flv.resume)) &&
+                 st.decodeRunning);
     }
     Audio_ReleasePortSound(rec);
 }
@@ -327,17 +384,15 @@ void Stream_StopDecodeThread(PortRecord* rec)
 void Stream_ReleaseDecoders(PortRecord* rec)
 {
     PortStream& st = rec->stream;
-    if (st.videoOpen) {
-        CODE_FreeCode(&st.video);
-        st.videoOpen = 0;
-    }
-    if (st.audioOpen) {
-        CODE_FreeCode(&st.audio);
-        st.audioOpen = 0;
-    }
+    FreeDecoder(&st.video, &st.videoOpen);
+    FreeDecoder(&st.audio, &st.audioOpen);
+    st.gpuFallback = 0;
     st.parseMode = PARSE_NONE;
     st.headerPending = 0;
     st.hasPrevTimestamp = 0;
+    st.rateFromStream = 0;
+    st.frameRate = 25;
+    st.width = st.height = st.resolutionChanged = 0;
     st.waitKeyFrame = 0;
     st.frame = StreamFrame{};
 }

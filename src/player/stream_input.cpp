@@ -78,8 +78,10 @@ void Stream_CloseDecodeSide(PortRecord* rec)
     Stream_ReleaseDecoders(rec);
     QMX_HeapFree(st.frameBuffer);
     QMX_HeapFree(st.audioBuffer);
+    QMX_HeapFree(st.flvTag);
     st.frameBuffer = nullptr;
     st.audioBuffer = nullptr;
+    st.flvTag = nullptr;
 }
 
 uint32_t Stream_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length,

@@ -2,7 +2,9 @@
 // as the port's current frame.
 #include <cstring>
 
+#include "codec/code_sps_probe.h"
 #include "log/log.h"
+#include "platform/qmx_heap.h"
 #include "player/port.h"
 #include "player/stream_decode.h"
 
@@ -38,6 +40,32 @@ uint32_t ParseTs(const uint8_t* data, uint32_t length, PortRecord* rec)
         return err;
     }
     Publish(st, f.data, f.length, f.timestamp, f.codecType, f.frameType);
+    return KORVALEN_OK;
+}
+
+uint32_t ParseFlv(const uint8_t* data, uint32_t length, PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    if (!st.flvTag) {
+        st.flvTag = static_cast<uint8_t*>(QMX_HeapMalloc(kFlvTagMax));
+        if (!st.flvTag) {
+            return KORVALEN_ERR_NO_MEMORY;
+        }
+    }
+    if (st.parseMode != PARSE_FLV) {
+        st.parseMode = PARSE_FLV;
+        FLV_Reset(&st.flv, st.flvTag, st.frameBuffer, kFrameBufferSize, st.audioBuffer, kAudioBufferSize);
+    }
+    FLV_FRAME f{};
+    uint32_t err = FLV_UnpacketFlvData(&st.flv, data, length, &f);
+    if (err == KORVALEN_ERR_NEED_MORE_DATA) {
+        return err;
+    }
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "FLV_UnpacketFlvData fail, ulRet : %d", err);
+        return err;
+    }
+    Publish(st, f.data, f.length, static_cast<uint64_t>(f.timestamp) * 90, f.codecType, f.frameType);
     return KORVALEN_OK;
 }
 
@@ -93,6 +121,10 @@ uint32_t ParseRaw(const uint8_t* data, uint32_t length, PortRecord* rec, uint32_
             }
             if ((b & 0x1F) == 5) {
                 Publish(st, data, length, 0, KORVALEN_CODEC_H264, 0);
+                uint32_t w = 0, h = 0, fps = 0;
+                CODE_ProbeH264Sps(data, length, &w, &h, &fps);
+                st.frameRate = fps >= 1 ? fps : 25;
+                rec->frameInterval = 1000 / st.frameRate;
                 return KORVALEN_OK;
             }
         }
@@ -113,6 +145,12 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     if (st.parseMode == PARSE_TS && st.ts.resume) {
         return ParseTs(data, length, rec); // the rest of a chunk that gave a frame
     }
+    if (st.parseMode == PARSE_FLV &&
+        (st.flv.resume || FLV_InsideTag(&st.flv) || FLV_IsFlvData(&st.flv, data, length))) {
+        // The rest of a chunk, or a tag that goes on in this one: its first
+        // byte may look like anything.
+        return ParseFlv(data, length, rec);
+    }
     if (st.headerPending) {
         // The chunk announced by an "RdHd" header is the frame, whole.
         st.headerPending = 0;
@@ -122,6 +160,9 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     }
     if ((data[0] & 0xC0) == 0x80) {
         return ParseRtp(data, length, rec);
+    }
+    if (FLV_IsFlvData(st.parseMode == PARSE_FLV ? &st.flv : nullptr, data, length)) {
+        return ParseFlv(data, length, rec);
     }
     if (data[0] == 0x47) {
         return ParseTs(data, length, rec);
@@ -153,11 +194,38 @@ uint32_t Player_StatisticsTimestamp(PortRecord* rec)
 {
     PortStream& st = rec->stream;
     const StreamFrame& f = st.frame;
+    if (!RTP_IsVideoCodec(f.codecType)) {
+        return KORVALEN_OK; // sound frames keep their own clock
+    }
+    if (f.frameType == 0 && f.codecType == KORVALEN_CODEC_H264) {
+        uint32_t w = 0, h = 0, fps = 0;
+        if (!CODE_ProbeH264Sps(f.data, f.length, &w, &h, &fps)) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_StatisticsTimestamp failed, DSP_H264_PreParse fail",
+                         rec->port);
+            return 1;
+        }
+        if (fps >= 1 && fps <= 120) {
+            st.frameRate = fps;
+            st.rateFromStream = 1;
+        }
+    } else if (f.frameType == 0 && f.codecType == KORVALEN_CODEC_H265) {
+        if (uint32_t fps = CODE_ProbeH265Rate(f.data, f.length)) {
+            st.frameRate = fps;
+            st.rateFromStream = 1;
+        }
+        uint32_t w = 0, h = 0;
+        if (CODE_ProbeH265Size(f.data, f.length, &w, &h) && (w != st.width || h != st.height)) {
+            st.resolutionChanged = st.width != 0;
+            st.width = w;
+            st.height = h;
+        }
+    }
     if (f.codecType == KORVALEN_CODEC_MJPEG) {
         st.rateFromStream = 0;
     }
     if (st.rateFromStream && st.frameRate) {
         rec->frameInterval = 1000 / st.frameRate;
+        rec->playback.frameRate = st.frameRate;
         return KORVALEN_OK;
     }
     if (!st.hasPrevTimestamp) {

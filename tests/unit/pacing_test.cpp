@@ -29,9 +29,10 @@ TEST(Pacing, DecodeAndRenderWaits)
     EXPECT_EQ(Player_DecodeWaitMs(4, 40, 0, 200, 3, 25, false), 40 - 25); // -560/20 = -28, +3
     EXPECT_EQ(Player_DecodeWaitMs(4, 40, 0, 0, 3, 25, false), 40 + 12);   // +240/20
 
-    EXPECT_EQ(Player_RenderWaitMs(1, 40, 15, 0, 3, 25, false), 25);
-    EXPECT_EQ(Player_RenderWaitMs(1, 40, 15, 0, 3, 25, true), 35) << "nothing decoded: back off";
-    EXPECT_EQ(Player_RenderWaitMs(4, 40, 15, 10, 3, 25, false), 23) << "ahead in smooth: -2";
-    EXPECT_EQ(Player_RenderWaitMs(4, 40, 15, 0, 3, 25, false), 37);
-    EXPECT_EQ(Player_RenderWaitMs(1, 40, 50, 0, 3, 25, false), 0);
+    EXPECT_EQ(Player_RenderWaitMs(1, 40, 15, 0, 3, 25, 1), 25);
+    EXPECT_EQ(Player_RenderWaitMs(1, 40, 15, 0, 3, 25, 0), 35) << "nothing decoded: back off";
+    EXPECT_EQ(Player_RenderWaitMs(3, 40, 15, 0, 3, 25, 2), 0) << "a picture waits behind: catch up";
+    EXPECT_EQ(Player_RenderWaitMs(4, 40, 15, 10, 3, 25, 1), 23) << "ahead in smooth: -2";
+    EXPECT_EQ(Player_RenderWaitMs(4, 40, 15, 0, 3, 25, 3), 37) << "smooth mode keeps its pace";
+    EXPECT_EQ(Player_RenderWaitMs(1, 40, 50, 0, 3, 25, 1), 0);
 }

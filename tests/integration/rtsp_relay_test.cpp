@@ -1,0 +1,309 @@
+// A live stream from a real RTSP server (GStreamer's) over TCP: a relay
+// does the RTSP handshake with interleaved transport and forwards every byte
+// after PLAY verbatim ("$" frames, RTCP channels 1 and 3 included) to the
+// port's own TCP connection, as a device gateway does.
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "decoded_pictures.h"
+#include "korvalen.h"
+#include "platform/qmx_heap.h"
+
+#ifdef KORVALEN_RTSP_SERVER
+
+namespace {
+
+constexpr int kFrames = 50;
+
+// The RTSP server in a child process; Port() is where it listens.
+struct RtspServer {
+    pid_t pid = -1;
+    int port = 0;
+    bool Start(const std::string& launch)
+    {
+        int out[2];
+        if (pipe(out) != 0) {
+            return false;
+        }
+        pid = fork();
+        if (pid == 0) {
+            dup2(out[1], 1);
+            close(out[0]);
+            execl(KORVALEN_RTSP_SERVER, "korvalen-test-rtsp-server", launch.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(out[1]);
+        FILE* f = fdopen(out[0], "r");
+        bool ok = f && std::fscanf(f, "%d", &port) == 1;
+        if (f) {
+            std::fclose(f);
+        }
+        return ok && port > 0;
+    }
+    ~RtspServer()
+    {
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+};
+
+int Connect(int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval tv{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// One RTSP exchange; the bytes after the response's header and body stay in
+// *rest (interleaved data that followed at once).
+std::string Ask(int fd, const std::string& request, std::string* rest)
+{
+    send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    std::string got;
+    char buf[4096];
+    size_t end;
+    while ((end = got.find("\r\n\r\n")) == std::string::npos) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) {
+            return "";
+        }
+        got.append(buf, static_cast<size_t>(n));
+    }
+    size_t bodyLen = 0;
+    size_t cl = got.find("Content-Length:");
+    if (cl != std::string::npos && cl < end) {
+        bodyLen = std::stoul(got.substr(cl + 15));
+    }
+    while (got.size() < end + 4 + bodyLen) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) {
+            return "";
+        }
+        got.append(buf, static_cast<size_t>(n));
+    }
+    *rest = got.substr(end + 4 + bodyLen);
+    return got.substr(0, end + 4 + bodyLen);
+}
+
+std::string HeaderValue(const std::string& response, const std::string& name)
+{
+    size_t at = response.find(name + ":");
+    if (at == std::string::npos) {
+        return "";
+    }
+    at += name.size() + 1;
+    while (response[at] == ' ') {
+        ++at;
+    }
+    return response.substr(at, response.find_first_of(";\r", at) - at);
+}
+
+// Handshake with the server, then forward to whoever connects to the
+// listening socket. oneByte: every byte in a write of its own.
+struct Relay {
+    int listenFd = -1;
+    int listenPort = 0;
+    std::thread thread;
+    std::atomic<bool> stop{false};
+    std::atomic<size_t> forwarded{0};
+    std::atomic<int> rtcpFrames{0};
+
+    bool Listen()
+    {
+        listenFd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(listenFd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        listen(listenFd, 1);
+        socklen_t len = sizeof a;
+        getsockname(listenFd, reinterpret_cast<sockaddr*>(&a), &len);
+        listenPort = ntohs(a.sin_port);
+        return listenFd >= 0;
+    }
+
+    void Run(int serverPort, bool oneByte)
+    {
+        thread = std::thread([this, serverPort, oneByte] {
+            int player = accept(listenFd, nullptr, nullptr);
+            int fd = Connect(serverPort);
+            ASSERT_GE(fd, 0);
+            const std::string url = "rtsp://127.0.0.1:" + std::to_string(serverPort) + "/stream";
+            std::string rest;
+            ASSERT_NE(Ask(fd, "OPTIONS " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n", &rest).find("200 OK"),
+                      std::string::npos);
+            std::string sdp =
+                Ask(fd, "DESCRIBE " + url + " RTSP/1.0\r\nCSeq: 2\r\nAccept: application/sdp\r\n\r\n", &rest);
+            ASSERT_NE(sdp.find("200 OK"), std::string::npos);
+            std::string session;
+            int cseq = 3;
+            for (int track = 0; track < 2; ++track) {
+                std::string req = "SETUP " + url + "/stream=" + std::to_string(track) +
+                                  " RTSP/1.0\r\nCSeq: " + std::to_string(cseq++) +
+                                  "\r\nTransport: RTP/AVP/TCP;unicast;interleaved=" + std::to_string(2 * track) + "-" +
+                                  std::to_string(2 * track + 1) + "\r\n" +
+                                  (session.empty() ? "" : "Session: " + session + "\r\n") + "\r\n";
+                std::string r = Ask(fd, req, &rest);
+                ASSERT_NE(r.find("200 OK"), std::string::npos) << r;
+                session = HeaderValue(r, "Session");
+            }
+            std::string play = Ask(fd,
+                                   "PLAY " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(cseq++) +
+                                       "\r\nSession: " + session + "\r\nRange: npt=0.000-\r\n\r\n",
+                                   &rest);
+            ASSERT_NE(play.find("200 OK"), std::string::npos) << play;
+            std::vector<char> buf(rest.begin(), rest.end());
+            std::vector<char> more(65536);
+            while (!stop) {
+                for (size_t i = 0; i < buf.size();) {
+                    size_t n = oneByte ? 1 : buf.size() - i;
+                    ssize_t w = send(player, buf.data() + i, n, MSG_NOSIGNAL);
+                    if (w <= 0) {
+                        stop = true;
+                        break;
+                    }
+                    i += static_cast<size_t>(w);
+                }
+                forwarded += buf.size();
+                for (size_t i = 0; i + 1 < buf.size(); ++i) {
+                    rtcpFrames += buf[i] == '$' && (buf[i + 1] == 1 || buf[i + 1] == 3);
+                }
+                ssize_t n = recv(fd, more.data(), more.size(), 0);
+                if (n <= 0) {
+                    break;
+                }
+                buf.assign(more.begin(), more.begin() + n);
+            }
+            close(fd);
+            close(player);
+        });
+    }
+    ~Relay()
+    {
+        stop = true;
+        if (listenFd >= 0) {
+            shutdown(listenFd, SHUT_RDWR);
+        }
+        if (thread.joinable()) {
+            thread.join();
+        }
+        if (listenFd >= 0) {
+            close(listenFd);
+        }
+    }
+};
+
+struct AudioSeen {
+    std::atomic<uint32_t> codec{99};
+    std::atomic<uint64_t> pcm{0};
+};
+
+struct RtspCase {
+    const char* name;
+    const char* launch;
+    uint32_t audioCodec;
+    bool oneByte;
+};
+
+struct RtspRelay : ::testing::TestWithParam<RtspCase> {};
+
+} // namespace
+
+TEST_P(RtspRelay, EveryFrameOfTheServersStreamDecodes)
+{
+    const RtspCase& c = GetParam();
+    RtspServer server;
+    ASSERT_TRUE(server.Start(c.launch));
+    Relay relay;
+    ASSERT_TRUE(relay.Listen());
+    relay.Run(server.port, c.oneByte);
+
+    ASSERT_EQ(Korvalen_Init(), 1);
+    uint32_t port = 0;
+    ASSERT_EQ(Korvalen_AllocPort(&port), 1);
+    if (c.audioCodec == KORVALEN_CODEC_AAC) {
+        // RTP carries no AAC configuration: the caller gives it (AAC-LC,
+        // 16 kHz, mono).
+        KORVALEN_AUDIO_INFO info{};
+        info.config[0] = 1;
+        info.config[1] = 8;
+        info.config[2] = 1;
+        ASSERT_EQ(Korvalen_SetAudioInfo(port, &info), 1);
+    }
+    DecodedPictures got;
+    AudioSeen audio;
+    ASSERT_EQ(Korvalen_SetPictureFluency(port, 0), 1);
+    ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, &got), 1);
+    ASSERT_EQ(Korvalen_SetParseAudioDataCB(
+                  port,
+                  [](uint32_t, const KORVALEN_PARSED_FRAME* f, void* user, uint32_t) {
+                      static_cast<AudioSeen*>(user)->codec = f->codec_type;
+                  },
+                  1, &audio),
+              1);
+    ASSERT_EQ(Korvalen_SetDecodeAudioMediaDataCB(
+                  port,
+                  [](uint32_t, const KORVALEN_DECODED_AUDIO* a, void* user, uint32_t) {
+                      static_cast<AudioSeen*>(user)->pcm += a->length;
+                  },
+                  1, &audio),
+              1);
+    ASSERT_EQ(Korvalen_OpenNetStream(port, nullptr, 0, "127.0.0.1", static_cast<uint16_t>(relay.listenPort), 1), 1);
+    EXPECT_EQ(got.Wait(kFrames), static_cast<size_t>(kFrames));
+    {
+        std::lock_guard<std::mutex> lock(got.lock);
+        EXPECT_EQ(got.width, 320u);
+        EXPECT_EQ(got.height, 240u);
+    }
+    uint32_t lost = 99, total = 0;
+    ASSERT_EQ(Korvalen_GetLostPacketRate(port, &lost, &total), 1);
+    EXPECT_EQ(lost, 0u);
+    EXPECT_EQ(audio.codec.load(), c.audioCodec);
+    EXPECT_GT(audio.pcm.load(), 0u);
+    EXPECT_GT(relay.rtcpFrames.load(), 0) << "the server's RTCP went through the port's connection too";
+    ASSERT_EQ(Korvalen_CloseNetStream(port), 1);
+    Korvalen_Cleanup();
+    EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Servers, RtspRelay,
+    ::testing::Values(
+        RtspCase{"H264G711",
+                 "( videotestsrc num-buffers=50 ! video/x-raw,width=320,height=240,framerate=25/1 ! "
+                 "x264enc tune=zerolatency key-int-max=10 ! rtph264pay name=pay0 pt=96 config-interval=-1 "
+                 "audiotestsrc num-buffers=50 ! audio/x-raw,rate=8000,channels=1 ! mulawenc ! "
+                 "rtppcmupay name=pay1 pt=0 )",
+                 KORVALEN_CODEC_G711U, false},
+        RtspCase{"H265AacOneByteWrites",
+                 "( videotestsrc num-buffers=50 ! video/x-raw,width=320,height=240,framerate=25/1 ! "
+                 "x265enc tune=zerolatency key-int-max=10 ! rtph265pay name=pay0 pt=108 config-interval=-1 "
+                 "audiotestsrc num-buffers=50 ! audio/x-raw,rate=16000,channels=1 ! avenc_aac ! "
+                 "rtpmp4gpay name=pay1 pt=104 )",
+                 KORVALEN_CODEC_AAC, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+#endif
