@@ -15,7 +15,7 @@
  *
  * Not built yet: functions whose comment says "Not built yet" answer
  * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
- * lands (media files, recording and snapshots, analytics overlays,
+ * lands (AVI files, recording and snapshots,
  * fisheye and PTZ, HLS).
  */
 #ifndef KORVALEN_H
@@ -130,10 +130,10 @@ KORVALEN_API int32_t Korvalen_CloseInputStream(uint32_t port);
 KORVALEN_API int32_t Korvalen_SetPayloadType(uint32_t port, uint32_t count, const KORVALEN_PAYLOAD_TYPE* entries);
 /** AAC configuration for RTP AAC streams. */
 KORVALEN_API int32_t Korvalen_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_INFO* info);
-/** Not built yet. Open a local MP4, AVI or MPEG-TS file (opens paused).
- *  Errors: 16, 262. */
+/** Open a local MP4 or MPEG-TS file, recognised by content (opens paused;
+ *  AVI and the own record format answer 7 for now). Errors: 7, 16, 262. */
 KORVALEN_API int32_t Korvalen_OpenMediaFile(uint32_t port, const char* file_name);
-/** Not built yet. Close the file and stop everything on the port. */
+/** Close the file and stop everything on the port. */
 KORVALEN_API int32_t Korvalen_CloseMediaFile(uint32_t port);
 /** Not built yet. Make the port an HLS player (start it with Korvalen_UpdatePlayInfo). */
 KORVALEN_API int32_t Korvalen_OpenHlsStream(uint32_t port);
@@ -186,28 +186,31 @@ KORVALEN_API int32_t Korvalen_GetPictureSize(uint32_t port, uint32_t* width, uin
 KORVALEN_API int32_t Korvalen_GetEncodeType(uint32_t port, uint32_t* video_type, uint32_t* audio_type);
 /** Does nothing; returns 1. The window's own size is followed instead. */
 KORVALEN_API int32_t Korvalen_SetWindowSize(uint32_t port, const KORVALEN_RECT* size);
-/** Not built yet. Length of the open file in seconds; 7 when not a file port. */
+/** Length of the open file in seconds; 7 when not a file port. */
 KORVALEN_API int32_t Korvalen_GetFileTime(uint32_t port, uint32_t* seconds);
-/** Not built yet. Current play position in seconds. */
+/** Current play position in seconds. */
 KORVALEN_API int32_t Korvalen_GetPlayTime(uint32_t port, uint32_t* seconds);
-/** Not built yet. Current play position with frame time stamps. */
+/** Current play position with frame time stamps (file ports). */
 KORVALEN_API int32_t Korvalen_GetPlayTimeEx(uint32_t port, KORVALEN_PLAY_TIME* play_time);
-/** Not built yet. Seek a file port to the given second. */
+/** Seek a file port to the given second (the key frame at or after it);
+ *  275 beyond the file's length. */
 KORVALEN_API int32_t Korvalen_SetPlayedTime(uint32_t port, uint32_t seconds);
-/** Not built yet. Speed code: 0 x4, 1 x2, 2 x1, 3 x1/2, ... (2 for unknown codes). */
+/** Speed code: the frame interval times 4 (0), 2 (1), 1 (2), 1/2 (3), ...;
+ *  7..11 and 14..21, 26..35 play key frames only (2 for unknown codes). */
 KORVALEN_API int32_t Korvalen_SpeedPlay(uint32_t port, uint32_t speed);
-/** Not built yet. Show exactly one further frame of a file port. */
+/** Show exactly one further frame of a file port, then pause. */
 KORVALEN_API int32_t Korvalen_AFrameGo(uint32_t port);
-/** Not built yet. Step one frame back on a file port. */
+/** Step one frame back on an MP4 file port (7 for MPEG-TS). */
 KORVALEN_API int32_t Korvalen_AFrameBack(uint32_t port);
-/** Not built yet. Real (wall-clock) start time of an MP4 recording, seconds since 1970. */
+/** Real (wall-clock) start time of an MP4 recording, seconds since 1970, from
+ *  its movie header. */
 KORVALEN_API int32_t Korvalen_MP4GetRealTime(const char* file_name, uint32_t* real_time);
-/** Not built yet. List the marks of the open file in the query's range; the
- *  list is freed with Korvalen_FreeMarkInfo. */
+/** List the marked frames of the open file in the query's range; the
+ *  list (null when none) is freed with Korvalen_FreeMarkInfo. */
 KORVALEN_API int32_t Korvalen_CheckMark(uint32_t port, const KORVALEN_MARK_QUERY* query, KORVALEN_MARK_INFO** marks);
-/** Not built yet. Stop a running mark check (always reports failure 7). */
+/** Stop a running mark check (always reports failure 7). */
 KORVALEN_API int32_t Korvalen_CheckMarkCancel(uint32_t port);
-/** Not built yet. Free a mark list returned by Korvalen_CheckMark. */
+/** Free a mark list returned by Korvalen_CheckMark. */
 KORVALEN_API int32_t Korvalen_FreeMarkInfo(KORVALEN_MARK_INFO* marks);
 
 /* ======================================================================== */

@@ -125,3 +125,40 @@ fixture grey_320x240.hevc -f lavfi -i color=c=gray:size=320x240:rate=25 -t 2 -c:
 # that pictures leave the decoder out of stream order.
 fixture moving_square_b.h264 -f lavfi -i color=c=gray:size=320x240:rate=25 -f lavfi -i color=c=white:size=32x48:rate=25 \
   -filter_complex "[0][1]overlay=x=8*n:y=96" -t 1.28 -c:v libx264 -preset veryfast -g 32 -bf 3 -pix_fmt yuv420p -f h264
+# Local file playback: three seconds of 25 fps video with a key frame every
+# second, MP4 with the index at the end and at the front (faststart), with
+# and without B-frames; H.265 tagged "hev1" (the only H.265 tag the reader
+# takes); MPEG-TS in both codecs.
+file_src=(-f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=440:sample_rate=44100 -t 3)
+fixture file_h264_mp2.mp4 "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -metadata creation_time=2024-01-02T03:04:05Z -f mp4
+fixture file_h264_b_faststart.mp4 "${file_src[@]}" -c:v libx264 -preset veryfast -g 25 -bf 2 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -movflags faststart -f mp4
+fixture file_hevc_mp2.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v hev1 \
+  -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=0 -pix_fmt yuv420p -c:a mp2 -b:a 64k -f mp4
+fixture file_hevc_b_faststart.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v hev1 \
+  -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=2 -pix_fmt yuv420p -an \
+  -movflags faststart -f mp4
+fixture file_h264_mp2.ts "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -f mpegts
+fixture file_hevc_aac.ts "${file_src[@]}" -c:v libx265 -preset ultrafast \
+  -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=0 -pix_fmt yuv420p -c:a aac -b:a 64k \
+  -f mpegts
+# Marked frames: the private SEI mark (an SEI whose payload type byte is '!')
+# put in front of frames 10 and 40 of an H.264 stream with access unit
+# delimiters, then muxed into MP4.
+if [ ! -s "$out/file_marked.mp4" ]; then
+  fixture file_marked_src.h264 -f lavfi -i testsrc2=size=320x240:rate=25 -t 3 -c:v libx264 -preset ultrafast \
+    -g 25 -bf 0 -x264-params aud=1 -pix_fmt yuv420p -f h264
+  python3 - "$out/file_marked_src.h264" "$out/file_marked.h264" <<'PY'
+import sys
+data = open(sys.argv[1], 'rb').read()
+aud = b'\x00\x00\x00\x01\x09'
+mark = b'\x00\x00\x00\x01\x06\x21\x01\x00\x80'
+out = bytearray()
+for i, unit in enumerate(data.split(aud)[1:]):
+    out += aud + unit[:1] + (mark if i in (10, 40) else b'') + unit[1:]
+open(sys.argv[2], 'wb').write(out)
+PY
+  fixture file_marked.mp4 -r 25 -i "$out/file_marked.h264" -c copy -f mp4
+fi

@@ -8,7 +8,7 @@ PKGS=(
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libswresample-dev
   libx11-dev libxext-dev libxv-dev libpulse-dev libcairo2-dev
   libwebrtc-audio-processing-dev libgtest-dev libgmock-dev libbenchmark-dev
-  ffmpeg
+  ffmpeg python3
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   gstreamer1.0-rtsp libgstrtspserver-1.0-dev

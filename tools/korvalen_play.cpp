@@ -1,15 +1,19 @@
 // korvalen-play: the demo player. Plays a live RTP stream (UDP, or
-// "$"-framed TCP) or an MPEG-TS stream pushed in on standard input, on one
-// port, in an X11 window or headless, prints live statistics once a second,
-// and can save a snapshot of the picture shown and a screenshot of the window.
+// "$"-framed TCP), an MPEG-TS stream pushed in on standard input, or a local
+// MP4 / MPEG-TS file, on one port, in an X11 window or headless, prints live
+// statistics once a second, and can save a snapshot of the picture shown and
+// a screenshot of the window.
 //   korvalen-play udp://[local-ip]:port [options]
 //   korvalen-play tcp://host:port [options]
 //   ffmpeg ... -f mpegts - | korvalen-play --stdin-ts [options]
+//   korvalen-play FILE [options]
 //   korvalen-play --self-check
 // Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
 //          --screenshot FILE.ppm, --fluency N (0 off, 1 normal, 3 low delay,
 //          4 smooth), --talk (tcp only: the microphone goes to the device,
 //          G.711 at 8 kHz, on the stream's own connection)
+// Files:   --speed CODE (Korvalen_SpeedPlay code, 2 = normal), --seek SECONDS,
+//          --step N (show N frames one by one, then stay paused)
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -67,9 +71,9 @@ int SelfCheck()
                  "port 300 refused with 259");
     ok &= Expect(Korvalen_StartPlay(ports[0], 0) == 1 && Korvalen_StopPlay(ports[0], 0) == 1,
                  "headless rendering starts and stops");
-    ok &= Expect(Korvalen_OpenMediaFile(ports[0], "sample.mp4") == 0 &&
-                     Korvalen_GetLastError() == KORVALEN_ERR_NOT_SUPPORTED,
-                 "file playback not built yet: 7");
+    ok &= Expect(Korvalen_OpenMediaFile(ports[0], "no-such-file.mp4") == 0 &&
+                     Korvalen_GetLastError() == KORVALEN_ERR_FILE_OPEN,
+                 "a missing media file is refused with 262");
     uint32_t vmMib = 0;
     ok &= Expect(Korvalen_GetTotalVirtualSize(&vmMib, nullptr) == 1, "Korvalen_GetTotalVirtualSize");
     Korvalen_FreePort(ports[0]);
@@ -169,24 +173,51 @@ void FeedStdin(uint32_t port)
     }
 }
 
+std::atomic<bool> g_fileEnd{false};
+
+void OnRunMsg(const KORVALEN_RUN_MSG* m)
+{
+    if (m->code == KORVALEN_ERR_FILE_END) {
+        g_fileEnd = true;
+    }
+}
+
 struct PlayOptions {
     bool headless = false, sound = false, talk = false;
     int duration = 0;
     uint32_t fluency = 1;
     std::string snapshot, screenshot;
+    int speed = -1; // files
+    int seek = -1;
+    int step = 0;
 };
+
+// A file: seek, then single steps or play at the speed asked.
+void StartFile(uint32_t port, Window win, const PlayOptions& o)
+{
+    if (o.seek >= 0 && !Korvalen_SetPlayedTime(port, static_cast<uint32_t>(o.seek))) {
+        std::fprintf(stderr, "korvalen-play: cannot seek to %d s (error %u)\n", o.seek, Korvalen_GetLastError());
+    }
+    if (o.speed >= 0 && o.step == 0 && !Korvalen_SpeedPlay(port, static_cast<uint32_t>(o.speed))) {
+        std::fprintf(stderr, "korvalen-play: speed %d refused (error %u)\n", o.speed, Korvalen_GetLastError());
+    }
+    Korvalen_StartPlay(port, win);
+    for (int i = 0; i < o.step && !g_stop; ++i) {
+        Korvalen_AFrameGo(port); // one frame, then paused
+        KORVALEN_PLAY_TIME t{};
+        Korvalen_GetPlayTimeEx(port, &t);
+        std::printf("step %d: frame time %.3f s\n", i + 1, static_cast<double>(t.timestamp_90k) / 90000.0);
+    }
+}
 
 int Play(const std::string& url, const PlayOptions& o)
 {
     bool stdinTs = url == "--stdin-ts";
     bool tcp = url.rfind("tcp://", 0) == 0;
-    if (!stdinTs && !tcp && url.rfind("udp://", 0) != 0) {
-        std::fprintf(stderr, "korvalen-play: give udp://[ip]:port, tcp://host:port or --stdin-ts\n");
-        return 2;
-    }
+    const bool file = !stdinTs && !tcp && url.rfind("udp://", 0) != 0;
     std::string host;
     uint16_t netPort = 0;
-    if (!stdinTs) {
+    if (!stdinTs && !file) {
         std::string rest = url.substr(6);
         size_t colon = rest.rfind(':');
         if (colon == std::string::npos) {
@@ -200,7 +231,9 @@ int Play(const std::string& url, const PlayOptions& o)
         netPort = static_cast<uint16_t>(std::atoi(rest.c_str() + colon + 1));
     }
     const bool headless = o.headless, sound = o.sound;
-    const int duration = o.duration;
+    // A file plays to its end unless told a duration; steps leave a moment to look.
+    const int duration = file && o.step > 0 && o.duration <= 0 ? 1 : o.duration;
+    const bool untilEnd = file && o.step == 0 && o.duration <= 0;
 
     Display* dpy = nullptr;
     Window win = 0;
@@ -225,8 +258,10 @@ int Play(const std::string& url, const PlayOptions& o)
         Korvalen_Cleanup();
         return 2;
     }
+    Korvalen_SetPlayerRunMsgCB(&OnRunMsg);
     // Talk opens the stream itself and sends the voice on its connection.
     int32_t ok = stdinTs  ? Korvalen_OpenInputStream(port, nullptr, 0, 0)
+                 : file   ? Korvalen_OpenMediaFile(port, url.c_str())
                  : o.talk ? Korvalen_OpenVoiceSvc(port, 3, 0, nullptr, 0, host.c_str(), netPort, 1)
                  : tcp    ? Korvalen_OpenNetStream(port, nullptr, 0, host.c_str(), netPort, 1)
                           : Korvalen_OpenNetStream(port, host.c_str(), netPort, host.c_str(), 0, 0);
@@ -235,7 +270,15 @@ int Play(const std::string& url, const PlayOptions& o)
         Korvalen_Cleanup();
         return 1;
     }
-    Korvalen_StartPlay(port, win);
+    if (file) {
+        StartFile(port, win, o);
+    } else {
+        Korvalen_StartPlay(port, win);
+    }
+    uint32_t fileSeconds = 0;
+    if (file) {
+        Korvalen_GetFileTime(port, &fileSeconds);
+    }
     if (sound && !Korvalen_OpenSound(port)) {
         std::fprintf(stderr, "korvalen-play: no sound (error %u)\n", Korvalen_GetLastError());
     }
@@ -246,7 +289,7 @@ int Play(const std::string& url, const PlayOptions& o)
         feeder = std::thread(FeedStdin, port);
     }
     uint32_t last = 0;
-    for (int s = 0; !g_stop && (duration <= 0 || s < duration); ++s) {
+    for (int s = 0; !g_stop && (untilEnd ? !g_fileEnd : (duration <= 0 || s < duration)); ++s) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         uint32_t rate = 0, lost = 0, total = 0, frames = 0, slots = 0, w = 0, h = 0;
         Korvalen_GetPictureSize(port, &w, &h);
@@ -254,8 +297,15 @@ int Play(const std::string& url, const PlayOptions& o)
         Korvalen_GetLostPacketRate(port, &lost, &total);
         Korvalen_GetPacketQueueStart(port, &frames, &slots);
         uint32_t now = g_pictures.load();
-        std::printf("\r%3ds  %ux%u  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, w, h,
-                    now - last, rate * 8 / 1000.0, lost, total, frames, slots);
+        if (file) {
+            uint32_t at = 0;
+            Korvalen_GetPlayTime(port, &at);
+            std::printf("\r%3ds  %ux%u  %3u fps  at %u of %u s%s   ", s + 1, w, h, now - last, at, fileSeconds,
+                        g_fileEnd ? "  (end)" : "");
+        } else {
+            std::printf("\r%3ds  %ux%u  %3u fps  %7.1f kbit/s  lost %u/%u  buffer %u frames (%u slots)   ", s + 1, w, h,
+                        now - last, rate * 8 / 1000.0, lost, total, frames, slots);
+        }
         std::fflush(stdout);
         last = now;
     }
@@ -276,6 +326,8 @@ int Play(const std::string& url, const PlayOptions& o)
     Korvalen_StopPlay(port, win);
     if (stdinTs) {
         Korvalen_CloseInputStream(port);
+    } else if (file) {
+        Korvalen_CloseMediaFile(port);
     } else if (o.talk) {
         Korvalen_CloseVoiceSvc(port);
     } else {
@@ -291,9 +343,10 @@ int Play(const std::string& url, const PlayOptions& o)
 
 void Usage()
 {
-    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | --stdin-ts\n"
+    std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | --stdin-ts | FILE\n"
                 "                     [--headless] [--sound] [--duration SECONDS] [--snapshot FILE.ppm]\n"
                 "                     [--screenshot FILE.ppm] [--fluency N] [--talk]\n"
+                "                     FILE only: [--speed CODE] [--seek SECONDS] [--step N]\n"
                 "       korvalen-play --self-check\n");
 }
 
@@ -326,6 +379,12 @@ int main(int argc, char** argv)
             o.screenshot = argv[++i];
         } else if (a == "--fluency" && i + 1 < argc) {
             o.fluency = static_cast<uint32_t>(std::atoi(argv[++i]));
+        } else if (a == "--speed" && i + 1 < argc) {
+            o.speed = std::atoi(argv[++i]);
+        } else if (a == "--seek" && i + 1 < argc) {
+            o.seek = std::atoi(argv[++i]);
+        } else if (a == "--step" && i + 1 < argc) {
+            o.step = std::atoi(argv[++i]);
         } else {
             Usage();
             return 2;

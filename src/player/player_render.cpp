@@ -158,6 +158,7 @@ uint32_t Player_StartPlay(uint32_t port, uint64_t window)
     }
     if (rec->sourceKind == SOURCE_MEDIA_FILE) {
         pb.running = 1;
+        File_OnPlayState(rec, true);
     }
     if (Video_CreateDisplayDec(window, &rec->video.display) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port [%03d] Video_CreateDisplayDec fail", port);
@@ -205,6 +206,7 @@ uint32_t Player_StopPlay(uint32_t port, uint64_t)
     PortPlayback& pb = rec->playback;
     if (rec->sourceKind == SOURCE_MEDIA_FILE) {
         pb.running = 0;
+        File_OnPlayState(rec, false);
     }
     pb.rendering = 0;
     if (pb.renderThread.joinable()) {
@@ -227,6 +229,9 @@ uint32_t Player_PausePlay(uint32_t port, uint32_t pause)
         return KORVALEN_ERR_NOT_SUPPORTED;
     }
     rec->playback.running = pause == 1 ? 0 : 1;
+    if (rec->sourceKind == SOURCE_MEDIA_FILE) {
+        File_OnPlayState(rec, pause != 1);
+    }
     return KORVALEN_OK;
 }
 

@@ -9,6 +9,7 @@
 #include "audio/port_sound.h"
 #include "audio/port_voice.h"
 #include "display/video_display.h"
+#include "file/port_file.h"
 #include "iva/iva_port.h"
 #include "korvalen_types.h"
 #include "net/net_stream.h"
@@ -70,12 +71,13 @@ struct PortRecord {
     PortStream stream;
     PortNet net;
     PortVoice voice;
+    PortFile file;
     PortIva iva;                          // SEI record and analysis overlay
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
     std::atomic<uint32_t> frameInterval{40}; // ms; set by the decode thread, read by the render thread
-    float speedFactor = 1.0f;
+    std::atomic<float> speedFactor{1.0f};    // set by the caller, read by the play and render threads
     uint32_t workBufferSizes[3] = {kWorkBufferSize, kWorkBufferSize, kWorkBufferSize};
     uint32_t gpuDecode = 0;    // copy of the global switch at allocation
     int32_t seekRequest = -1;  // seconds, -1 = none

@@ -358,6 +358,12 @@ void DecodeThread(PortRecord* rec)
 
 } // namespace
 
+void Stream_HandleFrame(PortRecord* rec)
+{
+    bool producedVideo = false;
+    HandleFrame(rec, &producedVideo);
+}
+
 uint32_t Stream_StartDecodeThread(PortRecord* rec)
 {
     PortStream& st = rec->stream;

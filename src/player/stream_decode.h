@@ -29,5 +29,9 @@ uint32_t Stream_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t lengt
 // the container parser.
 uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* rec);
 
+// Hands the port's current frame (stream.frame) to the callbacks, decoders,
+// display and sound, as the decode thread does for each parsed frame.
+void Stream_HandleFrame(PortRecord* rec);
+
 // Frame rate and interval after each frame.
 uint32_t Player_StatisticsTimestamp(PortRecord* rec);

@@ -278,3 +278,16 @@ uint32_t TS_GetOneFrame(TS_PARSER* p, const uint8_t* data, uint32_t length, TS_F
     }
     return KORVALEN_ERR_NEED_MORE_DATA;
 }
+
+uint32_t TS_Flush(TS_PARSER* p, TS_FRAME* frame)
+{
+    if (p->splitting && NextAdts(p, frame)) {
+        return KORVALEN_OK;
+    }
+    for (uint32_t i = 0; i < p->count; ++i) {
+        if (Publish(p, &p->streams[i], frame)) {
+            return KORVALEN_OK;
+        }
+    }
+    return KORVALEN_ERR_NEED_MORE_DATA;
+}

@@ -53,3 +53,7 @@ void TS_Reset(TS_PARSER* p, uint8_t* videoBuf, uint32_t videoCap, uint8_t* audio
 // chunk is used up without a frame, 2 when a frame outgrew its buffer (it is
 // dropped).
 uint32_t TS_GetOneFrame(TS_PARSER* p, const uint8_t* data, uint32_t length, TS_FRAME* frame);
+
+// End of input (the end of a file): hands out the frames still being
+// gathered, one per call. 0 with *frame set, 526 when none is left.
+uint32_t TS_Flush(TS_PARSER* p, TS_FRAME* frame);

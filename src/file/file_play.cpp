@@ -1,0 +1,388 @@
+// Opening and closing a media file on a port, and the file play thread.
+#include "file/file_play.h"
+
+#include <cstring>
+#include <mutex>
+
+#include "audio/audio_port.h"
+#include "audio/dsound_play.h"
+#include "codec/code_manager.h"
+#include "log/log.h"
+#include "platform/platform.h"
+#include "player/player_api.h"
+#include "player/port_table.h"
+#include "player/report.h"
+#include "player/stream_decode.h"
+
+namespace {
+
+constexpr uint32_t kPausedSleepMs = 50;
+constexpr uint32_t kDefaultRate = 25;
+
+bool IsVideo(uint32_t payload)
+{
+    return payload == KORVALEN_CODEC_H264 || payload == KORVALEN_CODEC_MJPEG || payload == KORVALEN_CODEC_H265;
+}
+
+// Blocks waiting in the port's sound ring; -1 when no sound plays.
+int32_t SoundLevel(PortRecord* rec)
+{
+    std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
+    const CDsoundPlay* play = rec->sound.play;
+    if (!play || !rec->sound.open) {
+        return -1;
+    }
+    const uint32_t w = play->RingWriteIndex();
+    const uint32_t r = play->RingReadIndex();
+    return static_cast<int32_t>(w >= r ? w - r : play->RingSlots() - r + w);
+}
+
+// The stream frame rate of a file: from the smallest step between video
+// time stamps (B-frames make the steps uneven; the smallest is one frame).
+void LearnRate(PortRecord* rec, uint64_t stamp)
+{
+    PortFile& pf = rec->file;
+    if (pf.prevVideoStamp && stamp > pf.prevVideoStamp) {
+        const uint64_t step = stamp - pf.prevVideoStamp;
+        if (step <= 90000 && (pf.minVideoStep == 0 || step < pf.minVideoStep)) {
+            pf.minVideoStep = step;
+            const auto rate = static_cast<uint32_t>(90000 / step);
+            if (rate >= 1 && rate <= 60) {
+                rec->stream.frameRate = rate;
+                rec->playback.frameRate = rate;
+                rec->frameInterval = 1000 / rate;
+                pf.frameInterval = 1000.0f / static_cast<float>(rate);
+            }
+        }
+    }
+    pf.prevVideoStamp = stamp;
+}
+
+void Publish(PortRecord* rec, const FileFrameInfo& f)
+{
+    StreamFrame& sf = rec->stream.frame;
+    sf.data = f.data;
+    sf.length = f.length;
+    sf.timestamp = f.timeStamp;
+    sf.codecType = f.payloadType;
+    sf.frameType = f.frameType;
+}
+
+// One frame back (MP4): decode quietly from the key frame before the target
+// up to the frame before it, then show the target.
+void StepBack(PortRecord* rec)
+{
+    PortFile& pf = rec->file;
+    PortStream& st = rec->stream;
+    std::unique_lock<std::mutex> lock(pf.lock);
+    Mp4Info* m = pf.parser.mp4Parser;
+    if (!m || pf.lastVideoSample <= 0) {
+        return;
+    }
+    int64_t target = pf.lastVideoSample - 1;
+    while (target >= 0 && m->samples[target].track != m->videoTrack) {
+        --target;
+    }
+    if (target < 0) {
+        return; // already at the first frame
+    }
+    int64_t key = target;
+    while (key > 0 && !(m->samples[key].track == m->videoTrack && m->samples[key].key)) {
+        --key;
+    }
+    Mp4Frame f;
+    f.buffer = pf.parser.frameBuffer;
+    for (int64_t i = key; i < target; ++i) {
+        if (m->samples[i].track != m->videoTrack ||
+            MP4_MakeOneFrame(pf.parser.file, m, &m->samples[i], &f) != KORVALEN_OK) {
+            continue;
+        }
+        if (st.videoOpen && st.video.codecType == static_cast<int32_t>(f.payloadType)) {
+            CODE_INPUT in{};
+            in.data = f.buffer;
+            in.length = f.length;
+            CODE_Decoder(&st.video, &in, &st.videoOut); // the picture is not shown
+        }
+    }
+    if (MP4_MakeOneFrame(pf.parser.file, m, &m->samples[target], &f) != KORVALEN_OK) {
+        return;
+    }
+    pf.lastVideoSample = target;
+    pf.current = FileFrameInfo{f.buffer, f.length, f.payloadType, f.frameType, f.timeStamp};
+    pf.currentStamp = f.timeStamp;
+    Publish(rec, pf.current);
+    lock.unlock();
+    Stream_HandleFrame(rec);
+}
+
+void SendEnd(PortRecord* rec)
+{
+    PortFile& pf = rec->file;
+    uint32_t seconds = 0;
+    {
+        std::lock_guard<std::mutex> lock(pf.lock);
+        File_GetPlayTime(&pf.parser, &seconds);
+    }
+    uint32_t err = Report_Send(rec->port, kReportPlaybackEnd, KORVALEN_ERR_FILE_END, seconds, nullptr);
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] Player_StopRecord warm, send report fail, error(%d)", rec->port,
+                     err);
+    }
+}
+
+void FilePlayThread(PortRecord* rec)
+{
+    PLAT_SetThreadName("FilePlay");
+    PortFile& pf = rec->file;
+    const uint32_t port = rec->port;
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __FilePayThreadEntry thread succeed", port);
+    FileTime previous = File_Now();
+    while (pf.running) {
+        previous = File_Now();
+        const int32_t seek = pf.seekRequest.exchange(-1);
+        if (pf.backRequest.exchange(0)) {
+            StepBack(rec);
+            pf.frameCtrl = 0;
+            pf.stepDone = 1;
+            continue;
+        }
+        uint32_t mode = pf.frameCtrl;
+        if (seek < 0) {
+            if (mode == 0 || (pf.held && (mode == 1 || mode == 4 || mode == 5))) {
+                PLAT_SleepMs(kPausedSleepMs);
+                continue;
+            }
+            if (mode == 2 || mode == 3) {
+                pf.frameCtrl = 0;
+                mode = 0;
+            } else if (mode == 4 && pf.switchToMarked) {
+                pf.frameCtrl = 5;
+                mode = 5;
+            } else if (mode > 5) {
+                KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] Start __FilePayThreadEntry warm, FrameCtrl unknow(%d)",
+                             port, mode);
+            }
+        } else {
+            uint32_t err;
+            {
+                std::lock_guard<std::mutex> lock(pf.lock);
+                err = File_SetPlayTime(&pf.parser, static_cast<uint32_t>(seek), rec->stream.frameRate);
+            }
+            pf.prevVideoStamp = 0;
+            if (err != KORVALEN_OK) {
+                KORVALEN_LOG(KORVALEN_LOG_WARN,
+                             "Port [%03d] Start __FilePayThreadEntry warm, File_SetPlayTime fail, error(%d)", port,
+                             err);
+            }
+        }
+        uint32_t err = Player_ParserFile(rec, mode);
+        if (pf.frameCtrl == 0 && pf.stepDone == 0) {
+            pf.stepDone = 1;
+        }
+        if (err == KORVALEN_ERR_FILE_END) {
+            KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Start __FilePayThreadEntry thread info, file read end", port);
+            pf.frameCtrl = 0;
+            pf.stepDone = 1;
+            SendEnd(rec);
+            continue;
+        }
+        if (err != KORVALEN_OK) {
+            if (err != KORVALEN_ERR_UNKNOWN_STREAM) {
+                KORVALEN_LOG(KORVALEN_LOG_WARN,
+                             "Port [%03d] Start __FilePayThreadEntry thread warm, Player_ParserFile fail, error(%d)",
+                             port, err);
+            }
+            continue;
+        }
+        // The recorder takes the frame here once recording lands.
+        Stream_HandleFrame(rec);
+        if (IsVideo(pf.current.payloadType) && mode != 0) {
+            Player_FileSleepProc(&previous, rec->speedFactor, rec);
+        }
+    }
+    Audio_ReleasePortSound(rec);
+}
+
+void ResetPlayState(PortRecord* rec)
+{
+    PortFile& pf = rec->file;
+    pf.frameCtrl = 0;
+    pf.stepDone = 0;
+    pf.seekRequest = -1;
+    pf.backRequest = 0;
+    pf.switchToMarked = 0;
+    pf.held = 0;
+    pf.speedCode = 2;
+    pf.current = FileFrameInfo{};
+    pf.currentStamp = 0;
+    pf.lastVideoSample = -1;
+    pf.prevVideoStamp = 0;
+    pf.minVideoStep = 0;
+    rec->speedFactor = 1.0f;
+}
+
+} // namespace
+
+FileTime File_Now()
+{
+    const uint32_t ms = PLAT_TickMs();
+    return FileTime{ms / 1000, ms % 1000};
+}
+
+int32_t File_FrameWaitMs(uint32_t frameCtrl, float speedFactor, uint32_t frameRate, float frameInterval,
+                         int32_t elapsedMs, int32_t soundLevel)
+{
+    int32_t target;
+    if (frameCtrl != 4 && frameCtrl != 5) {
+        target = static_cast<int32_t>(1000.0f * speedFactor / static_cast<float>(frameRate ? frameRate : kDefaultRate));
+    } else {
+        target = static_cast<int32_t>(frameInterval * speedFactor);
+    }
+    int32_t correction = 0;
+    if (soundLevel >= 0 && speedFactor == 1.0f) {
+        if (soundLevel < 5) {
+            correction = frameRate < 31 ? -20 : -15;
+        } else if (soundLevel >= 6 && soundLevel < 10) {
+            correction = frameRate < 31 ? 20 : 15;
+        }
+    }
+    return target - elapsedMs + correction;
+}
+
+uint32_t Player_FileSleepProc(const FileTime* previous, float speedFactor, PortRecord* rec)
+{
+    if (!previous || !rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Player_FileSleepProc fail, invalid param");
+        return KORVALEN_ERR_INVALID_PARAM;
+    }
+    const FileTime now = File_Now();
+    const int32_t elapsed = static_cast<int32_t>(now.seconds - previous->seconds) * 1000 +
+                            (static_cast<int32_t>(now.milliseconds) - static_cast<int32_t>(previous->milliseconds));
+    const int32_t wait = File_FrameWaitMs(rec->file.frameCtrl, speedFactor, rec->playback.fileFrameRate,
+                                          rec->file.frameInterval, elapsed, SoundLevel(rec));
+    if (wait > 0) {
+        PLAT_SleepMs(static_cast<uint32_t>(wait));
+    }
+    return KORVALEN_OK;
+}
+
+uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
+{
+    PortFile& pf = rec->file;
+    FileFrameInfo f{};
+    uint32_t err;
+    {
+        std::lock_guard<std::mutex> lock(pf.lock);
+        err = File_ReadOneFrame(&pf.parser, &f, readMode);
+        if (err == KORVALEN_OK && pf.parser.mp4Parser && IsVideo(f.payloadType)) {
+            pf.lastVideoSample = static_cast<int64_t>(pf.parser.mp4Parser->cursor) - 1;
+        }
+    }
+    if (err != KORVALEN_OK) {
+        if (err != KORVALEN_ERR_FILE_END) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_ParserFile fail, File_ReadOneFrame fail, error(%d)",
+                         rec->port, err);
+        }
+        return err;
+    }
+    pf.current = f;
+    pf.currentStamp = f.timeStamp;
+    Publish(rec, f);
+    if (IsVideo(f.payloadType)) {
+        LearnRate(rec, f.timeStamp);
+        const uint32_t rate = rec->stream.frameRate;
+        if (rate >= 1 && rate <= 60) {
+            rec->playback.fileFrameRate = rate;
+        }
+    }
+    return KORVALEN_OK;
+}
+
+void File_OnPlayState(PortRecord* rec, bool playing)
+{
+    rec->file.held = playing ? 0 : 1;
+    if (playing) {
+        uint32_t expected = 0;
+        rec->file.frameCtrl.compare_exchange_strong(expected, 1);
+    }
+}
+
+uint32_t Player_OpenMediaFile(uint32_t port, const char* fileName)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
+        return KORVALEN_ERR_PORT;
+    }
+    if (rec->sourceKind != SOURCE_NONE) {
+        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
+    }
+    PortFile& pf = rec->file;
+    uint32_t err;
+    {
+        std::lock_guard<std::mutex> lock(pf.lock);
+        err = File_CreateFileParser(fileName, &pf.parser);
+    }
+    if (err != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenMediaFile fail, File_CreateFileParser fail, error(%d)",
+                     port, err);
+        return err;
+    }
+    std::strncpy(pf.name, fileName, kFileNameMax - 1);
+    ResetPlayState(rec);
+    const uint32_t rate = pf.parser.frameRate >= 1 && pf.parser.frameRate <= 60 ? pf.parser.frameRate : kDefaultRate;
+    PortStream& st = rec->stream;
+    st.frameRate = rate;
+    st.rateFromStream = 1; // the play thread measures the rate; the decode side keeps it
+    rec->playback.frameRate = rate;
+    rec->playback.fileFrameRate = rate;
+    rec->frameInterval = 1000 / rate;
+    pf.frameInterval = 1000.0f / static_cast<float>(rate);
+    pf.running = 1;
+    try {
+        pf.thread = std::thread(FilePlayThread, rec);
+    } catch (...) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] KTFW_SDK_thr_create FileRecv failed", port);
+        pf.running = 0;
+        std::lock_guard<std::mutex> lock(pf.lock);
+        File_DestroyFileParser(&pf.parser);
+        st.rateFromStream = 0;
+        return KORVALEN_ERR_THREAD_CREATE;
+    }
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_OpenMediaFile success", port);
+    rec->sourceKind = SOURCE_MEDIA_FILE;
+    pf.filePort = 1;
+    return KORVALEN_OK;
+}
+
+uint32_t Player_CloseMediaFile(uint32_t port)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    PortFile& pf = rec->file;
+    if (!pf.filePort) {
+        return KORVALEN_OK;
+    }
+    rec->sound.open = 0;
+    if (rec->playback.rendering) {
+        Player_StopPlay(port, rec->playback.window);
+    }
+    pf.running = 0;
+    pf.frameCtrl = 0;
+    if (pf.thread.joinable()) {
+        pf.thread.join();
+    }
+    {
+        std::lock_guard<std::mutex> lock(pf.lock);
+        File_DestroyFileParser(&pf.parser);
+    }
+    Stream_ReleaseDecoders(rec);
+    rec->stream.rateFromStream = 0;
+    ResetPlayState(rec);
+    pf.filePort = 0;
+    rec->sourceKind = SOURCE_NONE;
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Player_CloseMediaFile succes", port);
+    return KORVALEN_OK;
+}

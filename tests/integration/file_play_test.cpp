@@ -1,0 +1,279 @@
+// Local file playback through the C API, headless (window 0): pictures from
+// the decoded-video callback against ffmpeg's decode of the same file, the
+// end-of-file report, stepping, seeking, speed, and refusals.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "decoded_pictures.h"
+#include "korvalen.h"
+#include "platform/qmx_heap.h"
+#include "test_env.h"
+
+namespace {
+
+std::mutex g_msgLock;
+std::vector<KORVALEN_RUN_MSG> g_msgs;
+
+void OnRunMsg(const KORVALEN_RUN_MSG* m)
+{
+    std::lock_guard<std::mutex> lock(g_msgLock);
+    g_msgs.push_back(*m);
+}
+
+size_t EndReports(uint32_t port)
+{
+    std::lock_guard<std::mutex> lock(g_msgLock);
+    size_t n = 0;
+    for (const auto& m : g_msgs) {
+        n += m.port == port && m.code == KORVALEN_ERR_FILE_END;
+    }
+    return n;
+}
+
+void Sleep(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+struct FilePlayTest : ::testing::Test {
+    uint32_t port = 0;
+    DecodedPictures got;
+    void SetUp() override
+    {
+        ASSERT_EQ(Korvalen_Init(), 1);
+        ASSERT_EQ(Korvalen_AllocPort(&port), 1);
+        ASSERT_EQ(Korvalen_SetPlayerRunMsgCB(&OnRunMsg), 1);
+        std::lock_guard<std::mutex> lock(g_msgLock);
+        g_msgs.clear();
+    }
+    void TearDown() override
+    {
+        Korvalen_SetPlayerRunMsgCB(nullptr);
+        Korvalen_FreePort(port);
+        Korvalen_Cleanup();
+        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+    }
+    // Opens with one picture out per frame in, pictures to `got`.
+    void OpenWithPictures(const std::string& path)
+    {
+        ASSERT_EQ(Korvalen_SetOneFrameDecodeMode(port), 1);
+        ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, &got), 1);
+        ASSERT_EQ(Korvalen_OpenMediaFile(port, path.c_str()), 1);
+    }
+    size_t Count()
+    {
+        std::lock_guard<std::mutex> lock(got.lock);
+        return got.md5s.size();
+    }
+    std::string Last()
+    {
+        std::lock_guard<std::mutex> lock(got.lock);
+        return got.md5s.empty() ? "" : got.md5s.back();
+    }
+    uint64_t Stamp()
+    {
+        KORVALEN_PLAY_TIME t{};
+        EXPECT_EQ(Korvalen_GetPlayTimeEx(port, &t), 1);
+        return t.timestamp_90k;
+    }
+};
+
+} // namespace
+
+TEST_F(FilePlayTest, PlaysPictureForPictureAndReportsTheEndOnce)
+{
+    for (const char* name : {"file_h264_mp2.mp4", "file_hevc_aac.ts"}) {
+        SCOPED_TRACE(name);
+        std::string path = FixturePath(name);
+        REQUIRE_FIXTURE(path);
+        auto want = FfmpegFrameMd5(path, "", "-map 0:v");
+        ASSERT_EQ(want.size(), 75u);
+        {
+            std::lock_guard<std::mutex> lock(got.lock);
+            got.md5s.clear();
+        }
+        {
+            std::lock_guard<std::mutex> lock(g_msgLock);
+            g_msgs.clear();
+        }
+        OpenWithPictures(path);
+        uint32_t total = 0;
+        ASSERT_EQ(Korvalen_GetFileTime(port, &total), 1);
+        EXPECT_GE(total, 2u);
+        Sleep(300);
+        EXPECT_EQ(Count(), 0u) << "a file opens paused";
+        ASSERT_EQ(Korvalen_SpeedPlay(port, 3), 1); // half the frame interval: quicker test
+        ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
+        EXPECT_EQ(got.Wait(75), 75u);
+        for (int i = 0; i < 100 && EndReports(port) == 0; ++i) {
+            Sleep(20);
+        }
+        Sleep(300);
+        EXPECT_EQ(EndReports(port), 1u);
+        {
+            std::lock_guard<std::mutex> lock(got.lock);
+            EXPECT_EQ(got.md5s, want);
+        }
+        uint32_t now = 0;
+        ASSERT_EQ(Korvalen_GetPlayTime(port, &now), 1);
+        EXPECT_GE(now, 2u);
+        // TS times count from the first PCR (as its coarse formula reads it),
+        // which runs ahead of the frames' own time stamps.
+        EXPECT_LE(now, total + 2);
+        // Stays paused at the end; a seek and play start again.
+        ASSERT_EQ(Korvalen_SetPlayedTime(port, 0), 1);
+        ASSERT_EQ(Korvalen_PausePlay(port, 0), 1);
+        EXPECT_GE(got.Wait(80), 80u);
+        ASSERT_EQ(Korvalen_StopPlay(port, 0), 1);
+        ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+    }
+}
+
+TEST_F(FilePlayTest, StepsForwardAndBackSeeksAndChangesSpeed)
+{
+    std::string path = FixturePath("file_h264_mp2.mp4");
+    REQUIRE_FIXTURE(path);
+    auto want = FfmpegFrameMd5(path, "", "-map 0:v");
+    ASSERT_EQ(want.size(), 75u);
+    OpenWithPictures(path);
+    for (size_t i = 0; i < 4; ++i) {
+        ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+        ASSERT_EQ(got.Wait(i + 1), i + 1);
+        EXPECT_EQ(Last(), want[i]);
+        EXPECT_EQ(Stamp(), i * 3600);
+    }
+    Sleep(200);
+    EXPECT_EQ(Count(), 4u) << "stepping pauses after the frame";
+    ASSERT_EQ(Korvalen_AFrameBack(port), 1);
+    ASSERT_EQ(got.Wait(5), 5u);
+    EXPECT_EQ(Last(), want[2]);
+    EXPECT_EQ(Stamp(), 2u * 3600);
+    ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+    ASSERT_EQ(got.Wait(6), 6u);
+    EXPECT_EQ(Last(), want[3]);
+
+    // A seek while paused shows the key frame it lands on.
+    ASSERT_EQ(Korvalen_SetPlayedTime(port, 2), 1);
+    ASSERT_EQ(got.Wait(7), 7u);
+    EXPECT_EQ(Last(), want[50]);
+    EXPECT_EQ(Stamp(), 50u * 3600);
+    uint32_t now = 0;
+    ASSERT_EQ(Korvalen_GetPlayTime(port, &now), 1);
+    EXPECT_EQ(now, 2u);
+    EXPECT_EQ(Korvalen_SetPlayedTime(port, 4), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_JUMP_OVER);
+
+    EXPECT_EQ(Korvalen_SpeedPlay(port, 36), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_INVALID_PARAM);
+    ASSERT_EQ(Korvalen_SpeedPlay(port, 22), 1); // accepted, changes nothing: still paused
+    Sleep(200);
+    EXPECT_EQ(Count(), 7u);
+
+    // Pace: frames shown in the same time at double and at half interval.
+    ASSERT_EQ(Korvalen_SetPlayedTime(port, 0), 1);
+    ASSERT_EQ(got.Wait(8), 8u);
+    auto framesIn = [&](uint32_t speed) {
+        size_t before = Count();
+        EXPECT_EQ(Korvalen_SpeedPlay(port, speed), 1);
+        Sleep(600);
+        EXPECT_EQ(Korvalen_PausePlay(port, 1), 1);
+        Sleep(100);
+        size_t n = Count() - before;
+        EXPECT_EQ(Korvalen_PausePlay(port, 0), 1);
+        return n;
+    };
+    const size_t slow = framesIn(1); // 80 ms a frame
+    const size_t fast = framesIn(3); // 20 ms a frame
+    EXPECT_GT(fast, slow + 3) << "slow " << slow << " fast " << fast;
+    ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+}
+
+TEST_F(FilePlayTest, RefusalsAndFileKinds)
+{
+    uint32_t v = 0;
+    // Not a file port.
+    EXPECT_EQ(Korvalen_SpeedPlay(port, 2), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(Korvalen_GetFileTime(port, &v), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(Korvalen_SetPlayedTime(port, 1), 0);
+    EXPECT_EQ(Korvalen_AFrameGo(port), 0);
+    EXPECT_EQ(Korvalen_AFrameBack(port), 0);
+    EXPECT_EQ(Korvalen_CheckMarkCancel(port), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED);
+
+    // Content decides, not the name.
+    const std::string text = TestHome() + "/readme.mp4";
+    std::ofstream(text) << "plain text, not media\n";
+    EXPECT_EQ(Korvalen_OpenMediaFile(port, text.c_str()), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), 7u);
+    EXPECT_EQ(Korvalen_OpenMediaFile(port, (TestHome() + "/none.mp4").c_str()), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_FILE_OPEN);
+
+    std::string mp4 = FixturePath("file_h264_mp2.mp4");
+    std::string ts = FixturePath("file_h264_mp2.ts");
+    REQUIRE_FIXTURE(mp4);
+    REQUIRE_FIXTURE(ts);
+    const std::string renamed = TestHome() + "/renamed.ts";
+    {
+        std::ifstream in(mp4, std::ios::binary);
+        std::ofstream out(renamed, std::ios::binary);
+        out << in.rdbuf();
+    }
+    OpenWithPictures(renamed);
+    ASSERT_EQ(Korvalen_GetFileTime(port, &v), 1);
+    EXPECT_EQ(v, 3u);
+    ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+    EXPECT_EQ(got.Wait(1), 1u);
+    EXPECT_EQ(Korvalen_OpenMediaFile(port, mp4.c_str()), 0) << "one source at a time";
+    ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+
+    // MPEG-TS: no stepping back; seeking past the end is refused.
+    ASSERT_EQ(Korvalen_OpenMediaFile(port, ts.c_str()), 1);
+    EXPECT_EQ(Korvalen_AFrameBack(port), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(Korvalen_SetPlayedTime(port, 100), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_JUMP_OVER);
+    KORVALEN_MARK_QUERY q{0, 0};
+    KORVALEN_MARK_INFO* marks = reinterpret_cast<KORVALEN_MARK_INFO*>(1);
+    ASSERT_EQ(Korvalen_CheckMark(port, &q, &marks), 1);
+    EXPECT_EQ(marks, nullptr) << "no marked frames in an ffmpeg file";
+    ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+
+    // Marked frames of a recording, within a range, without moving playback.
+    std::string marked = FixturePath("file_marked.mp4");
+    REQUIRE_FIXTURE(marked);
+    ASSERT_EQ(Korvalen_OpenMediaFile(port, marked.c_str()), 1);
+    ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+    for (auto [from, to, want] : {std::tuple<uint32_t, uint32_t, size_t>{0, 0, 2}, {1, 0, 1}, {0, 1, 2}, {2, 0, 0}}) {
+        KORVALEN_MARK_QUERY range{from, to};
+        ASSERT_EQ(Korvalen_CheckMark(port, &range, &marks), 1);
+        std::vector<uint64_t> stamps;
+        for (KORVALEN_MARK_INFO* m = marks; m; m = m->next) {
+            stamps.push_back(m->timestamp_90k / 3600);
+            EXPECT_EQ(m->time_seconds, m->timestamp_90k / 90000);
+        }
+        EXPECT_EQ(stamps.size(), want) << from << ".." << to;
+        for (uint64_t frame : stamps) {
+            EXPECT_TRUE(frame == (from ? 40u : 10u) || frame == 40u) << frame;
+        }
+        if (marks) {
+            EXPECT_EQ(Korvalen_FreeMarkInfo(marks), 1);
+        }
+    }
+    EXPECT_EQ(Stamp(), 0u) << "the play position stays";
+    ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+
+    uint32_t real = 0;
+    ASSERT_EQ(Korvalen_MP4GetRealTime(mp4.c_str(), &real), 1);
+    EXPECT_EQ(real, 1704164645u); // 2024-01-02T03:04:05Z, set when the file was made
+    EXPECT_EQ(Korvalen_MP4GetRealTime(ts.c_str(), &real), 0);
+}
