@@ -8,6 +8,8 @@
 
 #include "audio/port_sound.h"
 #include "display/video_display.h"
+#include "fisheye/fisheye_port.h"
+#include "hls/hls_port.h"
 #include "korvalen_types.h"
 #include "net/net_stream.h"
 #include "player/port_playback.h"
@@ -67,6 +69,8 @@ struct PortRecord {
     PortPlayback playback;
     PortStream stream;
     PortNet net;
+    PortFisheye fisheye; // fisheye views and electronic PTZ
+    PortHls hls;
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.
