@@ -367,4 +367,48 @@ TEST_F(HlsTest, MissingSegmentIsSkippedAndAServerThatGoesAwayIsReported)
     EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_HLS_URL);
 }
 
+// A live playlist, written here as a camera's server would: playback starts
+// near its end, follows it as it grows, and a playlist that stops growing is
+// reported.
+TEST_F(HlsTest, LivePlaylistIsFollowedAsItGrowsAndAStallIsReported)
+{
+    const std::vector<std::string> want = FfmpegFrameMd5(root + "/ts/index.m3u8");
+    ASSERT_EQ(want.size(), 100u);
+    const std::string dir = root + "/live";
+    ASSERT_EQ(std::system(("rm -rf " + dir + " && mkdir -p " + dir + " && cp " + root + "/ts/*.ts " + dir).c_str()), 0);
+    auto writePlaylist = [&](int segments, bool ended) {
+        std::string text = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:0\n";
+        for (int i = 0; i < segments; ++i) {
+            char line[64];
+            std::snprintf(line, sizeof line, "#EXTINF:1.000000,\nseg%03d.ts\n", i);
+            text += line;
+        }
+        text += ended ? "#EXT-X-ENDLIST\n" : "";
+        const std::string tmp = dir + "/index.m3u8.tmp";
+        FILE* f = std::fopen(tmp.c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        std::fputs(text.c_str(), f);
+        std::fclose(f);
+        ASSERT_EQ(std::rename(tmp.c_str(), (dir + "/index.m3u8").c_str()), 0);
+    };
+    writePlaylist(2, false);
+    WebServer server;
+    ASSERT_TRUE(server.Start(Script(), root));
+    ASSERT_EQ(Korvalen_OpenHlsStream(port), 1);
+    KORVALEN_HLS_PLAY_INFO info = Info("http://127.0.0.1:" + std::to_string(server.port) + "/live/index.m3u8");
+    ASSERT_EQ(Korvalen_UpdatePlayInfo(port, &info, 0), 1);
+    ASSERT_GE(WaitPictures(30, 10), 30u);
+    writePlaylist(3, false);
+    ASSERT_GE(WaitPictures(60, 10), 60u);
+    writePlaylist(4, false);
+    ASSERT_EQ(WaitPictures(100, 10), 100u) << "every segment as it appeared";
+    {
+        std::lock_guard<std::mutex> g(pictures.lock);
+        EXPECT_EQ(pictures.md5s, want);
+    }
+    // Nothing more comes: after three target durations that is a stall.
+    EXPECT_TRUE(messages.WaitFor(16, KORVALEN_ERR_HLS_STALLED, 4, 15000));
+    EXPECT_FALSE(messages.Has(15, 542, 4)) << "a live playlist has no end";
+}
+
 } // namespace

@@ -3,8 +3,10 @@
 // side, must come out where a perspective or panoramic camera would see
 // them. Also: the mouse moves the view with the pointer, and the remap table
 // is built once per view, never per picture.
+#include <chrono>
 #include <cmath>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -456,6 +458,18 @@ TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverv
     ASSERT_TRUE(RedCorner(out, &xp, &yp));
     EXPECT_NEAR(xp, x - 100, 4);
     EXPECT_NEAR(yp, y, 2);
+    // The frame followed the pan (12.5 picture pixels right); with a
+    // keep-alive time the overview goes once the mouse rests that long.
+    const int movedX = static_cast<int>(inset[0] + 392.5 / 4.0);
+    EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200);
+    ASSERT_EQ(Korvalen_SetPtzKeepAliveTime(port, 1), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_LT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200) << "no overview, no frame";
+    ASSERT_EQ(Korvalen_OnMouseMove(port, 10, 10), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200) << "the mouse brings it back";
+    ASSERT_EQ(Korvalen_SetPtzKeepAliveTime(port, 0), 1);
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(Korvalen_OnMouseWheel(port, 0, -120, 320 | 180 << 16), 1);
     }
