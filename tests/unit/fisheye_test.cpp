@@ -253,34 +253,6 @@ TEST(FisheyeDewarp, PanoramasTurnUprightLinesIntoColumns)
     FE_ReleaseRemap(&m);
 }
 
-TEST(FisheyeDewarp, EveryViewOfEveryMountStaysInsideTheSource)
-{
-    for (uint32_t view = FE_VIEW_EPTZ; view < FE_VIEW_COUNT; ++view) {
-        for (uint32_t mount = 0; mount < FE_MOUNT_COUNT; ++mount) {
-            if (!FE_ViewFitsMount(view, mount)) {
-                EXPECT_TRUE(view == FE_VIEW_PANORAMA_360 && mount == FE_MOUNT_WALL);
-                continue;
-            }
-            FE_VIEW_PARAMS v;
-            v.view = view;
-            v.mount = mount;
-            v.lens = {330, 250, 240}; // off-centre, touching the picture's edge
-            FE_DefaultPtz(mount, v.ptz);
-            v.region = {100, 50, 300, 200};
-            v.regionSet = 1;
-            v.inset = 1;
-            for (double y = 0.5; y < 360; y += 7) {
-                for (double x = 0.5; x < 640; x += 7) {
-                    double sx = 0, sy = 0;
-                    if (FE_MapPoint(v, 640, 500, 640, 360, x, y, &sx, &sy) && FE_IsFisheyeView(view)) {
-                        ASSERT_LE(std::hypot(sx - 330, sy - 250), 240 + 1e-6) << view << "/" << mount;
-                    }
-                }
-            }
-        }
-    }
-}
-
 // Through a port: the render side's work, the mouse and the table's life.
 class FisheyePort : public ::testing::Test {
 protected:
