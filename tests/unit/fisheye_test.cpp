@@ -203,6 +203,37 @@ TEST(FisheyeDewarp, TiltedViewsKeepFloorLinesStraightOnEveryMount)
     EXPECT_NEAR(redX(desk), 288, 3);
     FE_ReleaseRemap(&ceiling);
     FE_ReleaseRemap(&desk);
+
+    // The same picture from a wall camera is a wall straight ahead: x runs
+    // along the wall's X, y down it; turning right moves the mark left.
+    FE_REMAP wall = Dewarp(src, PtzView(FE_MOUNT_WALL, 0, 0, 90, 960), 640, 640);
+    EXPECT_NEAR(redX(wall), 320 + 0.3 * 320, 3);
+    FE_REMAP right = Dewarp(src, PtzView(FE_MOUNT_WALL, 10, 0, 90, 960), 640, 640);
+    EXPECT_LT(redX(right), redX(wall) - 30);
+    FE_ReleaseRemap(&wall);
+    FE_ReleaseRemap(&right);
+
+    // Its 180-degree panorama keeps the wall's upright lines upright, each at
+    // its own longitude.
+    FE_VIEW_PARAMS pano;
+    pano.view = FE_VIEW_PANORAMA_180;
+    pano.mount = FE_MOUNT_WALL;
+    pano.lens = {480, 480, 480};
+    FE_REMAP p = Dewarp(src, pano, 1280, 720);
+    for (int k = -4; k <= 4; ++k) {
+        const double expect = 1280 * (std::atan(k * 0.25) + kPi / 2) / kPi;
+        for (int yy = 300; yy < 420; ++yy) {
+            const double lat = (360 - yy - 0.5) * kPi / 1280, lon = std::atan(k * 0.25);
+            // Skip rows where a horizontal grid line crosses.
+            const double Y = -std::tan(lat) / std::cos(lon);
+            if (std::fabs(Y / 0.25 - std::round(Y / 0.25)) * 0.25 < 0.03) {
+                continue;
+            }
+            ASSERT_NEAR(RowCentre(p, yy, static_cast<int>(expect) - 10, static_cast<int>(expect) + 10), expect, 1.0)
+                << "line " << k << " row " << yy;
+        }
+    }
+    FE_ReleaseRemap(&p);
 }
 
 TEST(FisheyeDewarp, PanoramasTurnUprightLinesIntoColumns)
