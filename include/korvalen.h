@@ -15,8 +15,7 @@
  *
  * Not built yet: functions whose comment says "Not built yet" answer
  * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
- * lands (AVI files, recording and snapshots,
- * fisheye and PTZ, HLS).
+ * lands (AVI files, recording and snapshots).
  */
 #ifndef KORVALEN_H
 #define KORVALEN_H
@@ -135,17 +134,22 @@ KORVALEN_API int32_t Korvalen_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_I
 KORVALEN_API int32_t Korvalen_OpenMediaFile(uint32_t port, const char* file_name);
 /** Close the file and stop everything on the port. */
 KORVALEN_API int32_t Korvalen_CloseMediaFile(uint32_t port);
-/** Not built yet. Make the port an HLS player (start it with Korvalen_UpdatePlayInfo). */
+/** Make the port an HLS player (start it with Korvalen_UpdatePlayInfo). */
 KORVALEN_API int32_t Korvalen_OpenHlsStream(uint32_t port);
-/** Not built yet. Stop and close the HLS stream. */
+/** Stop and close the HLS stream. */
 KORVALEN_API int32_t Korvalen_CloseHlsStream(uint32_t port);
-/** Not built yet. Set the HLS playlist and seek to time (seconds). */
+/** Set the HLS playlist and where to play from: info->start_time, else time
+ *  (seconds from the first segment; 0 on a live playlist is the live edge).
+ *  Calling it again seeks. 1806 without a cache folder, 1805 when no segment
+ *  holds the time; later fetch problems arrive as run messages of type 16. */
 KORVALEN_API int32_t Korvalen_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time);
-/** Not built yet. Folder of the HLS segment cache (process-wide). */
+/** Folder of the HLS segment cache (process-wide), made when missing; an
+ *  empty text removes the folder setting (HLS playback then answers 1806). */
 KORVALEN_API int32_t Korvalen_SetCachePath(const char* path);
-/** Not built yet. Segment cache limit in MB (process-wide, default 500). */
+/** Segment cache limit in MB (process-wide, default 500); the least
+ *  recently used segments go first. */
 KORVALEN_API int32_t Korvalen_SetMaxCache(uint32_t size_mb);
-/** Not built yet. Empty the segment cache. */
+/** Empty the segment cache. */
 KORVALEN_API int32_t Korvalen_CleanCache(void);
 
 /* ======================================================================== */
@@ -341,29 +345,38 @@ KORVALEN_API int32_t Korvalen_SetIVAEnable(uint32_t port, uint32_t enable);
 KORVALEN_API int32_t Korvalen_SetIVAShowParam(uint32_t show_param);
 /** Per-port overlay flags; mode 1 makes per-port flags decide (process-wide). */
 KORVALEN_API int32_t Korvalen_SetIVAShowParamEx(uint32_t port, uint32_t show_param, uint32_t mode);
-/** Not built yet. 1 when the stream carries fisheye parameters, else 0. */
+/** 1 for a fisheye port (lens parameters from the stream, or a fisheye view
+ *  chosen by the caller), else 0. */
 KORVALEN_API int32_t Korvalen_IsFishEyeStream(uint32_t port);
-/** Not built yet. Fisheye state, lens centre and radius. */
+/** Fisheye state (may be null), lens centre and radius in picture pixels;
+ *  1282 for a port that is not a fisheye port. */
 KORVALEN_API int32_t Korvalen_GetFishEyeParam(uint32_t port, KORVALEN_FISHEYE_STATE* state, KORVALEN_POINT* center,
                                               uint32_t* radius);
 /** Does nothing; always returns 0. */
 KORVALEN_API int32_t Korvalen_FaceCorrectFunc(void* arg1, void* arg2, void* arg3);
-/** Not built yet. Electronic PTZ mode and fisheye fix (mount) mode. */
+/** View (KORVALEN_PTZ_*) and mount (KORVALEN_FIX_*). A fisheye view marks
+ *  the port as a fisheye port; without lens parameters from the stream the
+ *  circle inscribed in the picture is taken. 2 out of range, 1283 for a
+ *  360-degree panorama on a wall. */
 KORVALEN_API int32_t Korvalen_SetPtzAndFixMode(uint32_t port, uint32_t ptz_mode, uint32_t fix_mode);
-/** Not built yet. Current PTZ and fix modes. */
+/** Current view and mount. */
 KORVALEN_API int32_t Korvalen_GetPtzAndFixMode(uint32_t port, uint32_t* ptz_mode, uint32_t* fix_mode);
-/** Not built yet. PTZ view layout. */
+/** Change the view, keeping the mount; fisheye views need a fisheye port
+ *  (1282). */
 KORVALEN_API int32_t Korvalen_SetPtzDisplayMode(uint32_t port, uint32_t ptz_mode);
-/** Not built yet. Seconds the PTZ view stays after the last mouse action. */
+/** Seconds the electronic-PTZ overview stays after the last mouse action
+ *  (0, the default: always shown). */
 KORVALEN_API int32_t Korvalen_SetPtzKeepAliveTime(uint32_t port, uint32_t seconds);
-/** Not built yet. Mouse moved to (x, y) in window pixels. */
+/** Mouse moved to (x, y) in window pixels: with the left button held it
+ *  drags the view (the picture follows the pointer) or, in electronic PTZ,
+ *  draws the rectangle to zoom into. 1540 when no view takes the mouse. */
 KORVALEN_API int32_t Korvalen_OnMouseMove(uint32_t port, uint32_t x, uint32_t y);
-/** Not built yet. Left button pressed at (x, y). */
+/** Left button pressed at (x, y). */
 KORVALEN_API int32_t Korvalen_OnLButtonDown(uint32_t port, uint32_t x, uint32_t y);
-/** Not built yet. Left button released at (x, y). */
+/** Left button released at (x, y). */
 KORVALEN_API int32_t Korvalen_OnLButtonUp(uint32_t port, uint32_t x, uint32_t y);
-/** Not built yet. Wheel turned by delta (120 per notch) with the pointer at
- *  point = x | (y << 16) in window pixels; flags are the held buttons. */
+/** Wheel turned by delta (120 per notch, positive zooms in) with the pointer
+ *  at point = x | (y << 16) in window pixels; flags are the held buttons. */
 KORVALEN_API int32_t Korvalen_OnMouseWheel(uint32_t port, uint32_t flags, int16_t delta, uint32_t point);
 
 #ifdef __cplusplus

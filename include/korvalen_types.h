@@ -63,8 +63,20 @@ extern "C" {
 #define KORVALEN_ERR_FISHEYE_WORK        1284u
 #define KORVALEN_ERR_PTZ                 1540u /* electronic PTZ failure */
 #define KORVALEN_ERR_HLS_FIRST           1794u /* HLS failures span 1794..1808 */
+#define KORVALEN_ERR_HLS_NOT_OPEN        1794u /* the port is not an HLS port */
+#define KORVALEN_ERR_HLS_URL             1795u /* address empty, too long, or not http:// or https:// */
+#define KORVALEN_ERR_HLS_CONNECT         1796u /* server not reachable, or the connection was lost */
+#define KORVALEN_ERR_HLS_HTTP            1797u /* the server answered with an HTTP error (e.g. 404) */
+#define KORVALEN_ERR_HLS_PLAYLIST        1798u /* not a playlist, or a malformed one */
+#define KORVALEN_ERR_HLS_UNSUPPORTED     1799u /* encrypted or byte-range segments, no H.264/H.265 */
+#define KORVALEN_ERR_HLS_SEGMENT         1800u /* a segment that cannot be read as MPEG-TS or fMP4 */
+#define KORVALEN_ERR_HLS_CACHE           1801u /* the cache folder cannot be made or written */
+#define KORVALEN_ERR_HLS_TIMEOUT         1802u /* the server stopped answering */
+#define KORVALEN_ERR_HLS_TLS             1803u /* HTTPS connection could not be set up */
+#define KORVALEN_ERR_HLS_END             1804u /* the playlist has been played to its end */
 #define KORVALEN_ERR_HLS_TIME_NODE       1805u /* "time node not exist" */
 #define KORVALEN_ERR_HLS_NO_CACHE_PATH   1806u /* "not set cache path" */
+#define KORVALEN_ERR_HLS_STALLED         1807u /* a live playlist stopped growing */
 #define KORVALEN_ERR_HLS_LAST            1808u
 
 /* ------------------------------------------------------------------------ */
@@ -170,19 +182,35 @@ typedef struct KORVALEN_MARK_QUERY {
     uint32_t end_seconds; /* 0 = to the end of the file */
 } KORVALEN_MARK_QUERY;
 
-/* HLS play information (Korvalen_UpdatePlayInfo). */
+/* HLS play information (Korvalen_UpdatePlayInfo). Where playback starts:
+ * start_time when it is not 0 (needs a playlist with program date-times),
+ * else the time argument of Korvalen_UpdatePlayInfo, in seconds from the
+ * playlist's first segment; 0 on a live playlist means the live edge. */
 typedef struct KORVALEN_HLS_PLAY_INFO {
-    char url[1024];      /* playlist address, http:// or https:// */
-    uint32_t start_time; /* seconds since 1970 of the wanted start, 0 = live edge */
-    uint32_t end_time;   /* seconds since 1970, 0 = open end */
+    char url[1024];      /* playlist address, http:// or https://, zero-terminated */
+    uint32_t start_time; /* seconds since 1970 of the wanted start, 0 = use the time argument */
+    uint32_t end_time;   /* seconds since 1970 where playback stops, 0 = open end */
     uint32_t flags;      /* bit 0: paused */
     uint32_t reserved;
 } KORVALEN_HLS_PLAY_INFO;
 
+/* Views of Korvalen_SetPtzAndFixMode / Korvalen_SetPtzDisplayMode. */
+#define KORVALEN_PTZ_OFF          0u /* the picture as decoded */
+#define KORVALEN_PTZ_EPTZ         1u /* electronic PTZ: drag a rectangle to zoom */
+#define KORVALEN_PTZ_ORIGINAL     2u /* fisheye circle */
+#define KORVALEN_PTZ_PANORAMA_360 3u /* one strip all round (ceiling, desk) */
+#define KORVALEN_PTZ_PANORAMA_180 4u /* two half strips (ceiling, desk), one (wall) */
+#define KORVALEN_PTZ_QUAD         5u /* four PTZ views */
+#define KORVALEN_PTZ_ONE          6u /* one PTZ view */
+/* Mounts (fix modes) of a fisheye camera. */
+#define KORVALEN_FIX_CEILING 0u
+#define KORVALEN_FIX_WALL    1u
+#define KORVALEN_FIX_DESK    2u
+
 /* Fisheye state (Korvalen_GetFishEyeParam). */
 typedef struct KORVALEN_FISHEYE_STATE {
-    uint32_t mount_mode;   /* 0 ceiling, 1 wall, 2 floor */
-    uint32_t correct_mode; /* current dewarping view */
+    uint32_t mount_mode;   /* KORVALEN_FIX_*: 0 ceiling, 1 wall, 2 desk */
+    uint32_t correct_mode; /* current view, KORVALEN_PTZ_* */
     uint32_t width;        /* picture size the parameters refer to */
     uint32_t height;
 } KORVALEN_FISHEYE_STATE;

@@ -15,6 +15,7 @@ PKGS=(
   xvfb x11-apps imagemagick
   pulseaudio pulseaudio-utils
   iproute2 libjpeg-turbo-progs fonts-dejavu-core
+  python3 openssl
 )
 
 missing=()

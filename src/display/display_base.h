@@ -62,6 +62,8 @@ public:
     // Draw hook set straight on the display; used when the port's is unset.
     virtual void SetDrawCallback(KORVALEN_DRAW_CB cb, void* user) = 0;
     virtual bool IsOffscreen() const = 0;
+    // Where the last picture went in the window; empty without a window.
+    virtual DISP_RECT ShownRect() const { return {}; }
     // Failed puts so far.
     virtual uint32_t BlitFailures() const = 0;
 };

@@ -24,6 +24,7 @@ public:
         m_drawUser = user;
     }
     bool IsOffscreen() const override { return false; }
+    DISP_RECT ShownRect() const override { return m_lastDest; }
     uint32_t BlitFailures() const override { return m_blitFailures; }
 
 private:

@@ -125,11 +125,16 @@ void IVA_ParseFrame(PortRecord* rec, const uint8_t* data, uint32_t length, uint3
     iva.sei.ivaStore = &iva.latest;
     Sei_Parse(codec, data, length, &iva.sei);
     if (iva.sei.flags & SEI_FLAG_FISHEYE) {
-        std::lock_guard<std::mutex> lock(iva.fisheyeLock);
-        iva.fisheyeSeen = 1;
-        for (int i = 0; i < 3; ++i) {
-            iva.fisheye[i] = iva.sei.fisheyeParams[i];
+        {
+            std::lock_guard<std::mutex> lock(iva.fisheyeLock);
+            iva.fisheyeSeen = 1;
+            for (int i = 0; i < 3; ++i) {
+                iva.fisheye[i] = iva.sei.fisheyeParams[i];
+            }
         }
+        // The lens the camera reports makes the stream a fisheye one.
+        const uint16_t* p = iva.sei.fisheyeParams;
+        Fisheye_SetStreamParams(&rec->fisheye, p[0], p[1], p[2]);
     }
 }
 

@@ -10,6 +10,8 @@
 #include "audio/port_voice.h"
 #include "display/video_display.h"
 #include "file/port_file.h"
+#include "fisheye/fisheye_port.h"
+#include "hls/hls_port.h"
 #include "iva/iva_port.h"
 #include "korvalen_types.h"
 #include "net/net_stream.h"
@@ -72,7 +74,9 @@ struct PortRecord {
     PortNet net;
     PortVoice voice;
     PortFile file;
-    PortIva iva;                          // SEI record and analysis overlay
+    PortIva iva;         // SEI record and analysis overlay
+    PortFisheye fisheye; // fisheye views and electronic PTZ
+    PortHls hls;
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.

@@ -6,6 +6,7 @@
 #include "audio/audio_device.h"
 #include "audio/audio_port.h"
 #include "codec/code_manager.h"
+#include "hls/hls_cache.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
 #include "player/player_api.h"
@@ -52,6 +53,7 @@ uint32_t Player_Startup()
         return err;
     }
     CODE_GlobalInit();
+    HLS_CacheStartup();
     {
         std::lock_guard<std::mutex> lock(g_tableLock);
         for (auto& slot : g_ports) {

@@ -493,6 +493,15 @@ TEST(SeiPort, FisheyeParametersPerPort)
     EXPECT_EQ(p[0], 960);
     EXPECT_EQ(p[1], 540);
     EXPECT_EQ(p[2], 500);
+    // And the port now plays a fisheye stream with that lens.
+    EXPECT_EQ(Korvalen_IsFishEyeStream(port), 1);
+    KORVALEN_FISHEYE_STATE st{};
+    KORVALEN_POINT centre{};
+    uint32_t radius = 0;
+    ASSERT_EQ(Korvalen_GetFishEyeParam(port, &st, &centre, &radius), 1);
+    EXPECT_EQ(centre.x, 960);
+    EXPECT_EQ(centre.y, 540);
+    EXPECT_EQ(radius, 500u);
     Korvalen_FreePort(port);
     Korvalen_Cleanup();
     EXPECT_EQ(QMX_HeapLiveBytes(), 0u);

@@ -1,0 +1,493 @@
+// Fisheye dewarping against pictures a test lens makes: a floor grid and
+// marks seen by an equidistant 180-degree lens, rendered here from the world
+// side, must come out where a perspective or panoramic camera would see
+// them. Also: the mouse moves the view with the pointer, and the remap table
+// is built once per view, never per picture.
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fisheye/fisheye_port.h"
+#include "fisheye/fisheye_remap.h"
+#include "fisheye/fisheye_view.h"
+#include "korvalen.h"
+#include "platform/qmx_heap.h"
+#include "player/port_table.h"
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180;
+
+struct Picture {
+    uint32_t w = 0, h = 0;
+    std::vector<uint8_t> y, u, v;
+    Picture(uint32_t width, uint32_t height)
+        : w(width), h(height), y(static_cast<size_t>(width) * height, 16),
+          u(static_cast<size_t>(width / 2) * (height / 2), 128), v(u.size(), 128)
+    {
+    }
+    uint8_t Y(int x, int yy) const { return y[static_cast<size_t>(yy) * w + x]; }
+    uint8_t V(int x, int yy) const { return v[static_cast<size_t>(yy / 2) * (w / 2) + x / 2]; }
+    QUEUE_PICTURE_NODE Node()
+    {
+        QUEUE_PICTURE_NODE n;
+        n.planes[0] = y.data();
+        n.planes[1] = u.data();
+        n.planes[2] = v.data();
+        n.lineSizes[0] = w;
+        n.lineSizes[1] = n.lineSizes[2] = w / 2;
+        n.width = w;
+        n.height = h;
+        return n;
+    }
+};
+
+// A ceiling camera's picture: for every pixel, the direction the lens sees
+// there (equidistant: angle off the axis = r / R * 90 degrees); paint(theta,
+// phi) gives luma and whether the pixel is red.
+Picture LensPicture(uint32_t size, const std::function<uint8_t(double, double, bool*)>& paint)
+{
+    Picture p(size, size);
+    const double c = size / 2.0, radius = size / 2.0;
+    for (uint32_t yy = 0; yy < size; ++yy) {
+        for (uint32_t x = 0; x < size; ++x) {
+            const double dx = x + 0.5 - c, dy = yy + 0.5 - c, r = std::hypot(dx, dy);
+            if (r > radius) {
+                continue;
+            }
+            bool red = false;
+            p.y[static_cast<size_t>(yy) * size + x] = paint(r / radius * kPi / 2, std::atan2(dy, dx), &red);
+            if (red) {
+                p.v[static_cast<size_t>(yy / 2) * (size / 2) + x / 2] = 240;
+            }
+        }
+    }
+    return p;
+}
+
+// Floor one unit below the lens with grid lines every 0.25 units; a red
+// square around (0.3, 0.1).
+uint8_t FloorGrid(double theta, double phi, bool* red)
+{
+    if (theta > 85 * kDeg) {
+        return 16;
+    }
+    const double X = std::tan(theta) * std::cos(phi), Y = std::tan(theta) * std::sin(phi);
+    *red = std::fabs(X - 0.3) < 0.04 && std::fabs(Y - 0.1) < 0.04;
+    auto near = [](double a) { return std::fabs(a / 0.25 - std::round(a / 0.25)) * 0.25 < 0.012; };
+    return near(X) || near(Y) ? 235 : 40;
+}
+
+// Luma-weighted centre of the bright pixels of row yy between x0 and x1.
+double RowCentre(const FE_REMAP& m, int yy, int x0, int x1)
+{
+    double sum = 0, at = 0;
+    for (int x = std::max(x0, 0); x < std::min<int>(x1, m.outW); ++x) {
+        const int l = m.planes[0][static_cast<size_t>(yy) * m.pitches[0] + x];
+        if (l > 128) {
+            sum += l;
+            at += l * (x + 0.5);
+        }
+    }
+    return sum > 0 ? at / sum : -1;
+}
+
+FE_VIEW_PARAMS PtzView(uint32_t mount, double pan, double tilt, double fov, double size)
+{
+    FE_VIEW_PARAMS v;
+    v.view = FE_VIEW_ONE_PTZ;
+    v.mount = mount;
+    v.lens = {size / 2, size / 2, size / 2};
+    v.ptz[0] = {pan * kDeg, tilt * kDeg, fov * kDeg};
+    return v;
+}
+
+FE_REMAP Dewarp(Picture& src, const FE_VIEW_PARAMS& v, uint32_t outW, uint32_t outH)
+{
+    FE_REMAP m;
+    const uint32_t pitch[3] = {src.w, src.w / 2, src.w / 2};
+    EXPECT_EQ(FE_BuildRemap(&m, v, src.w, src.h, pitch, outW, outH), 0u);
+    const uint8_t* planes[3] = {src.y.data(), src.u.data(), src.v.data()};
+    FE_ApplyRemap(&m, planes);
+    return m;
+}
+
+TEST(FisheyeDewarp, LookingStraightDownTheGridIsSquareAndStraight)
+{
+    Picture src = LensPicture(960, FloorGrid);
+    // 90 degrees across 640 pixels: one floor unit is 320 pixels, a grid
+    // line every 80 pixels, centred.
+    FE_REMAP m = Dewarp(src, PtzView(FE_MOUNT_CEILING, 0, 0, 90, 960), 640, 640);
+    for (int k = -3; k <= 3; ++k) {
+        const double expect = 320 + 80 * k;
+        for (int yy = 0; yy < 640; ++yy) {
+            if (std::fabs(std::fmod(yy - 320.0 + 1000 * 80, 80.0)) < 8 ||
+                std::fabs(std::fmod(yy - 320.0 + 1000 * 80, 80.0)) > 72) {
+                continue; // a crossing line
+            }
+            ASSERT_NEAR(RowCentre(m, yy, static_cast<int>(expect) - 20, static_cast<int>(expect) + 20), expect, 1.0)
+                << "line " << k << " at row " << yy;
+        }
+    }
+    FE_ReleaseRemap(&m);
+}
+
+TEST(FisheyeDewarp, TiltedViewsKeepFloorLinesStraightOnEveryMount)
+{
+    Picture src = LensPicture(960, FloorGrid);
+    const uint32_t w = 640, h = 360;
+    const double pan = 30 * kDeg, tilt = 40 * kDeg, focal = (w / 2) / std::tan(45 * kDeg);
+    FE_REMAP m = Dewarp(src, PtzView(FE_MOUNT_CEILING, 30, 40, 90, 960), w, h);
+    // The view's own camera, from the world side: forward along (pan, tilt)
+    // off the axis, right along growing pan, down towards the axis.
+    const double f[3] = {std::sin(tilt) * std::cos(pan), std::sin(tilt) * std::sin(pan), std::cos(tilt)};
+    const double r[3] = {-std::sin(pan), std::cos(pan), 0};
+    const double d[3] = {-std::cos(tilt) * std::cos(pan), -std::cos(tilt) * std::sin(pan), std::sin(tilt)};
+    int checked = 0, bright = 0;
+    for (int k = -8; k <= 8; ++k) {
+        for (int axis = 0; axis < 2; ++axis) {
+            for (double t = -2; t <= 2; t += 0.01) {
+                const double P[3] = {axis ? k * 0.25 : t, axis ? t : k * 0.25, 1};
+                const double pf = P[0] * f[0] + P[1] * f[1] + P[2] * f[2];
+                if (pf <= 0.1 || std::atan(std::hypot(P[0], P[1])) > 80 * kDeg) {
+                    continue;
+                }
+                const double x = w / 2 + focal * (P[0] * r[0] + P[1] * r[1] + P[2] * r[2]) / pf;
+                const double yy = h / 2 + focal * (P[0] * d[0] + P[1] * d[1] + P[2] * d[2]) / pf;
+                if (x < 2 || yy < 2 || x > w - 3 || yy > h - 3) {
+                    continue;
+                }
+                int best = 0;
+                for (int oy = -1; oy <= 1; ++oy) {
+                    for (int ox = -1; ox <= 1; ++ox) {
+                        best = std::max<int>(best, m.planes[0][static_cast<size_t>(yy + oy) * w + int(x) + ox]);
+                    }
+                }
+                ++checked;
+                bright += best > 128;
+            }
+        }
+    }
+    ASSERT_GT(checked, 500);
+    EXPECT_GT(bright, checked * 97 / 100) << "grid lines off their straight paths";
+    size_t lit = 0;
+    for (size_t i = 0; i < size_t(w) * h; ++i) {
+        lit += m.planes[0][i] > 128;
+    }
+    EXPECT_LT(lit, size_t(w) * h / 3) << "the picture is not just bright everywhere";
+    FE_ReleaseRemap(&m);
+
+    // A desk camera sees the same floor-like grid as a mirror: the red mark
+    // at (0.3, 0.1) comes out on the other side of a straight-up view.
+    FE_REMAP ceiling = Dewarp(src, PtzView(FE_MOUNT_CEILING, 0, 0, 90, 960), 640, 640);
+    FE_REMAP desk = Dewarp(src, PtzView(FE_MOUNT_DESK, 0, 0, 90, 960), 640, 640);
+    auto redX = [](const FE_REMAP& mm) {
+        double sum = 0, at = 0;
+        for (uint32_t yy = 0; yy < mm.outH / 2; ++yy) {
+            for (uint32_t x = 0; x < mm.outW / 2; ++x) {
+                if (mm.planes[2][yy * mm.pitches[2] + x] > 200) {
+                    sum += 1;
+                    at += x * 2 + 1;
+                }
+            }
+        }
+        return sum > 0 ? at / sum : -1;
+    };
+    // Ceiling, pan 0: output x runs along the floor's Y: 320 + 0.1 * 320.
+    EXPECT_NEAR(redX(ceiling), 352, 3);
+    EXPECT_NEAR(redX(desk), 288, 3);
+    FE_ReleaseRemap(&ceiling);
+    FE_ReleaseRemap(&desk);
+
+    // The same picture from a wall camera is a wall straight ahead: x runs
+    // along the wall's X, y down it; turning right moves the mark left.
+    FE_REMAP wall = Dewarp(src, PtzView(FE_MOUNT_WALL, 0, 0, 90, 960), 640, 640);
+    EXPECT_NEAR(redX(wall), 320 + 0.3 * 320, 3);
+    FE_REMAP right = Dewarp(src, PtzView(FE_MOUNT_WALL, 10, 0, 90, 960), 640, 640);
+    EXPECT_LT(redX(right), redX(wall) - 30);
+    FE_ReleaseRemap(&wall);
+    FE_ReleaseRemap(&right);
+
+    // Its 180-degree panorama keeps the wall's upright lines upright, each at
+    // its own longitude.
+    FE_VIEW_PARAMS pano;
+    pano.view = FE_VIEW_PANORAMA_180;
+    pano.mount = FE_MOUNT_WALL;
+    pano.lens = {480, 480, 480};
+    FE_REMAP p = Dewarp(src, pano, 1280, 720);
+    for (int k = -4; k <= 4; ++k) {
+        const double expect = 1280 * (std::atan(k * 0.25) + kPi / 2) / kPi;
+        for (int yy = 300; yy < 420; ++yy) {
+            const double lat = (360 - yy - 0.5) * kPi / 1280, lon = std::atan(k * 0.25);
+            // Skip rows where a horizontal grid line crosses.
+            const double Y = -std::tan(lat) / std::cos(lon);
+            if (std::fabs(Y / 0.25 - std::round(Y / 0.25)) * 0.25 < 0.03) {
+                continue;
+            }
+            ASSERT_NEAR(RowCentre(p, yy, static_cast<int>(expect) - 10, static_cast<int>(expect) + 10), expect, 1.0)
+                << "line " << k << " row " << yy;
+        }
+    }
+    FE_ReleaseRemap(&p);
+}
+
+TEST(FisheyeDewarp, PanoramasTurnUprightLinesIntoColumns)
+{
+    // Upright lines around a ceiling camera are spokes in its picture; a
+    // ring 80 degrees off the axis marks a height.
+    Picture src = LensPicture(960, [](double theta, double phi, bool*) -> uint8_t {
+        const double deg = phi / kDeg + 360;
+        const bool spoke = std::fabs(std::fmod(deg + 0.75, 30.0)) < 1.5 && theta > 25 * kDeg;
+        const bool ring = std::fabs(theta - 80 * kDeg) < 0.8 * kDeg;
+        return spoke || ring ? 235 : 40;
+    });
+    FE_VIEW_PARAMS v;
+    v.view = FE_VIEW_PANORAMA_360;
+    v.lens = {480, 480, 480};
+    const uint32_t w = 1440, h = 400;
+    FE_REMAP m = Dewarp(src, v, w, h);
+    // Horizon at the top, 20 degrees off the axis at the bottom: the ring at
+    // 10/70 of the height.
+    const int ringRow = static_cast<int>(h * 10.0 / 70);
+    for (int k = 0; k < 12; ++k) {
+        const double expect = w * k / 12.0;
+        for (int yy = 5; yy < int(h) * 60 / 70; ++yy) {
+            if (std::abs(yy - ringRow) < 6) {
+                continue;
+            }
+            double c = RowCentre(m, yy, static_cast<int>(expect) - 12, static_cast<int>(expect) + 12);
+            if (k == 0) {
+                // The seam: the spoke is split between both ends.
+                c = RowCentre(m, yy, 0, 12);
+                ASSERT_GE(c, 0);
+                continue;
+            }
+            ASSERT_NEAR(c, expect, 1.0) << "spoke " << k << " row " << yy;
+        }
+    }
+    size_t lit = 0;
+    for (uint32_t x = 0; x < w; ++x) {
+        lit += m.planes[0][static_cast<size_t>(ringRow) * w + x] > 128;
+    }
+    EXPECT_GT(lit, w * 95 / 100) << "the ring is one row";
+
+    // Turning the panorama by a twelfth moves every spoke by one column step.
+    v.panoramaPan = 30 * kDeg;
+    FE_REMAP turned = Dewarp(src, v, w, h);
+    EXPECT_NEAR(RowCentre(turned, 200, 100, 140), 120, 1.0);
+    FE_ReleaseRemap(&turned);
+    FE_ReleaseRemap(&m);
+}
+
+// Through a port: the render side's work, the mouse and the table's life.
+class FisheyePort : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(Korvalen_Init(), 1);
+        ASSERT_EQ(Korvalen_AllocPort(&port), 1);
+        rec = Player_GetPort(port);
+    }
+    void TearDown() override
+    {
+        Korvalen_FreePort(port);
+        Korvalen_Cleanup();
+    }
+    // Centre of the red mark in the shown picture.
+    static bool RedCentre(const QUEUE_PICTURE_NODE* o, double* x, double* y)
+    {
+        double n = 0, sx = 0, sy = 0;
+        for (uint32_t yy = 0; yy < o->height / 2; ++yy) {
+            for (uint32_t xx = 0; xx < o->width / 2; ++xx) {
+                if (o->planes[2][yy * o->lineSizes[2] + xx] > 200) {
+                    n += 1;
+                    sx += 2 * xx + 1;
+                    sy += 2 * yy + 1;
+                }
+            }
+        }
+        *x = n ? sx / n : -1;
+        *y = n ? sy / n : -1;
+        return n > 0;
+    }
+    // Top-left corner of the red mark.
+    static bool RedCorner(const QUEUE_PICTURE_NODE* o, double* x, double* y)
+    {
+        *x = *y = 1e9;
+        for (uint32_t yy = 0; yy < o->height / 2; ++yy) {
+            for (uint32_t xx = 0; xx < o->width / 2; ++xx) {
+                if (o->planes[2][yy * o->lineSizes[2] + xx] > 200) {
+                    *x = std::min(*x, 2.0 * xx);
+                    *y = std::min(*y, 2.0 * yy);
+                }
+            }
+        }
+        return *x < 1e9;
+    }
+    uint32_t port = 0;
+    PortRecord* rec = nullptr;
+};
+
+TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerView)
+{
+    Picture src = LensPicture(960, FloorGrid);
+    QUEUE_PICTURE_NODE in = src.Node();
+    const QUEUE_PICTURE_NODE* out = nullptr;
+
+    EXPECT_EQ(Korvalen_IsFishEyeStream(port), 0);
+    EXPECT_EQ(Korvalen_OnMouseMove(port, 10, 10), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_PTZ) << "no view takes the mouse";
+    ASSERT_EQ(Korvalen_SetPtzAndFixMode(port, KORVALEN_PTZ_ONE, KORVALEN_FIX_CEILING), 1);
+    EXPECT_EQ(Korvalen_IsFishEyeStream(port), 1);
+    ASSERT_TRUE(FE_ViewActive(rec));
+    {
+        // Look 20 degrees off the axis, where the red mark is.
+        std::lock_guard<std::mutex> lock(rec->fisheye.lock);
+        rec->fisheye.params.ptz[0] = {0, 20 * kDeg, 80 * kDeg};
+        ++rec->fisheye.generation;
+    }
+
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_EQ(out->width, 960u);
+    EXPECT_EQ(out->height, 540u);
+    const uint32_t allocations = rec->fisheye.remap.allocations;
+    const uint64_t heapBefore = QMX_HeapAllocCount();
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    }
+    EXPECT_EQ(rec->fisheye.remap.builds, 1u) << "same view, same table";
+    EXPECT_EQ(QMX_HeapAllocCount(), heapBefore) << "no allocation per picture";
+
+    double x0 = 0, y0 = 0;
+    ASSERT_TRUE(RedCentre(out, &x0, &y0));
+    // Grab the mark and drag it 60 pixels right and 40 down.
+    ASSERT_EQ(Korvalen_OnLButtonDown(port, static_cast<uint32_t>(x0), static_cast<uint32_t>(y0)), 1);
+    for (int step = 1; step <= 4; ++step) {
+        ASSERT_EQ(
+            Korvalen_OnMouseMove(port, static_cast<uint32_t>(x0 + 15 * step), static_cast<uint32_t>(y0 + 10 * step)),
+            1);
+    }
+    ASSERT_EQ(Korvalen_OnLButtonUp(port, static_cast<uint32_t>(x0 + 60), static_cast<uint32_t>(y0 + 40)), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    double x1 = 0, y1 = 0;
+    ASSERT_TRUE(RedCentre(out, &x1, &y1));
+    EXPECT_NEAR(x1, x0 + 60, 6);
+    EXPECT_NEAR(y1, y0 + 40, 6);
+    EXPECT_EQ(rec->fisheye.remap.builds, 2u);
+    EXPECT_EQ(rec->fisheye.remap.allocations, allocations) << "a new view reuses the table's memory";
+
+    // The wheel zooms in about the pointer: the mark, off centre, moves away
+    // from the centre.
+    const double cx = out->width / 2.0, cy = out->height / 2.0;
+    ASSERT_EQ(Korvalen_OnMouseWheel(port, 0, 240, static_cast<uint32_t>(cx) | static_cast<uint32_t>(cy) << 16), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    double x2 = 0, y2 = 0;
+    ASSERT_TRUE(RedCentre(out, &x2, &y2));
+    EXPECT_GT(std::hypot(x2 - cx, y2 - cy), std::hypot(x1 - cx, y1 - cy) * 1.3);
+
+    // Fisheye parameters: the inscribed circle until the stream gives its own.
+    rec->playback.pictureWidth = 960;
+    rec->playback.pictureHeight = 960;
+    KORVALEN_FISHEYE_STATE st{};
+    KORVALEN_POINT c{};
+    uint32_t radius = 0;
+    ASSERT_EQ(Korvalen_GetFishEyeParam(port, &st, &c, &radius), 1);
+    EXPECT_EQ(c.x, 480);
+    EXPECT_EQ(radius, 480u);
+    EXPECT_EQ(st.correct_mode, KORVALEN_PTZ_ONE);
+    Fisheye_SetStreamParams(&rec->fisheye, 470, 490, 400);
+    ASSERT_EQ(Korvalen_GetFishEyeParam(port, &st, &c, &radius), 1);
+    EXPECT_EQ(c.y, 490);
+    EXPECT_EQ(radius, 400u);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_EQ(rec->fisheye.remap.builds, 4u) << "new lens, new table";
+    Fisheye_SetStreamParams(&rec->fisheye, 2000, 490, 400);
+    EXPECT_EQ(FE_FishEyeWork(rec, &in, &out), KORVALEN_ERR_FISHEYE_PARAM) << "centre outside the picture";
+}
+
+TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverview)
+{
+    // An ordinary 640 x 360 picture with a red square at (400..440, 100..140).
+    Picture src(640, 360);
+    for (uint32_t yy = 100; yy < 140; ++yy) {
+        for (uint32_t x = 400; x < 440; ++x) {
+            src.y[yy * 640 + x] = 120;
+            src.v[(yy / 2) * 320 + x / 2] = 240;
+        }
+    }
+    QUEUE_PICTURE_NODE in = src.Node();
+    const QUEUE_PICTURE_NODE* out = nullptr;
+    EXPECT_EQ(Korvalen_SetPtzDisplayMode(port, KORVALEN_PTZ_QUAD), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_FISHEYE_STATE) << "not a fisheye port";
+    ASSERT_EQ(Korvalen_SetPtzAndFixMode(port, KORVALEN_PTZ_EPTZ, 0), 1);
+    EXPECT_EQ(Korvalen_IsFishEyeStream(port), 0);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    double x = 0, y = 0;
+    ASSERT_TRUE(RedCentre(out, &x, &y));
+    EXPECT_NEAR(x, 420, 2) << "the whole picture before a region is chosen";
+
+    // Draw 380,80 -> 460,125: widened to 16:9 about its centre (420, 102.5).
+    ASSERT_EQ(Korvalen_OnLButtonDown(port, 380, 80), 1);
+    ASSERT_EQ(Korvalen_OnMouseMove(port, 420, 100), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_GT(out->planes[0][80 * out->lineSizes[0] + 400], 200) << "the rectangle being drawn shows";
+    ASSERT_EQ(Korvalen_OnLButtonUp(port, 460, 125), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    // 80 x 45 pixels from (380, 80), already 16:9, shown eight times larger:
+    // the square's corner (400, 100) lands at (160, 160).
+    ASSERT_TRUE(RedCorner(out, &x, &y));
+    EXPECT_NEAR(x, 160, 3);
+    EXPECT_NEAR(y, 160, 3);
+    // The overview in the corner frames the zoomed part at a quarter of the
+    // width.
+    double inset[4];
+    FE_InsetRect(640, 360, inset);
+    const int frameX = static_cast<int>(inset[0] + 380 / 4.0);
+    const int frameY = static_cast<int>(inset[1] + 80 / 4.0 + 5);
+    EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + frameX], 200) << "frame of the zoomed part";
+    EXPECT_LT(out->planes[0][frameY * out->lineSizes[0] + frameX - 3], 100);
+
+    // Dragging pans the zoomed part with the pointer; the wheel all the way
+    // out gives the whole picture back.
+    ASSERT_EQ(Korvalen_OnLButtonDown(port, 300, 100), 1);
+    ASSERT_EQ(Korvalen_OnLButtonUp(port, 200, 100), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    double xp = 0, yp = 0;
+    ASSERT_TRUE(RedCorner(out, &xp, &yp));
+    EXPECT_NEAR(xp, x - 100, 4);
+    EXPECT_NEAR(yp, y, 2);
+    // The frame followed the pan (12.5 picture pixels right); with a
+    // keep-alive time the overview goes once the mouse rests that long.
+    const int movedX = static_cast<int>(inset[0] + 392.5 / 4.0);
+    EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200);
+    ASSERT_EQ(Korvalen_SetPtzKeepAliveTime(port, 1), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_LT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200) << "no overview, no frame";
+    ASSERT_EQ(Korvalen_OnMouseMove(port, 10, 10), 1);
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200) << "the mouse brings it back";
+    ASSERT_EQ(Korvalen_SetPtzKeepAliveTime(port, 0), 1);
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(Korvalen_OnMouseWheel(port, 0, -120, 320 | 180 << 16), 1);
+    }
+    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_TRUE(RedCentre(out, &x, &y));
+    EXPECT_NEAR(x, 420, 2);
+
+    EXPECT_EQ(Korvalen_SetPtzAndFixMode(port, KORVALEN_PTZ_PANORAMA_360, KORVALEN_FIX_WALL), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_FISHEYE_PARAM);
+    EXPECT_EQ(Korvalen_SetPtzAndFixMode(port, 7, 0), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_INVALID_PARAM);
+    uint32_t ptz = 9, fix = 9;
+    ASSERT_EQ(Korvalen_GetPtzAndFixMode(port, &ptz, &fix), 1);
+    EXPECT_EQ(ptz, KORVALEN_PTZ_EPTZ);
+    EXPECT_EQ(fix, 0u);
+}
+
+} // namespace
