@@ -418,8 +418,9 @@ int Run(const Options& opt)
         shutdown(s.link.fd, SHUT_WR);
     }
     close(s.link.fd);
-    std::printf("sent %llu packets (%llu bytes), dropped %llu, reordered %llu, duplicated %llu, rtcp %llu\n",
-                static_cast<unsigned long long>(s.count.packets), static_cast<unsigned long long>(s.count.bytes),
+    double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("sent %llu packets (%llu bytes) in %.2f s, dropped %llu, reordered %llu, duplicated %llu, rtcp %llu\n",
+                static_cast<unsigned long long>(s.count.packets), static_cast<unsigned long long>(s.count.bytes), took,
                 static_cast<unsigned long long>(s.count.dropped), static_cast<unsigned long long>(s.count.reordered),
                 static_cast<unsigned long long>(s.count.duplicated), static_cast<unsigned long long>(s.count.rtcp));
     if (s.failed) {
