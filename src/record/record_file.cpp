@@ -83,11 +83,11 @@ uint32_t REC_FinishFile(uint32_t port, PortRecorder* r, char* finalName)
     if (REC_MakesUnique(r->recordType)) {
         Player_IsFileExist(r->recordType, finalName, kRecordNameMax);
     }
-    if (err == KORVALEN_ERR_DISK_FULL && REC_Container(r->recordType) == REC_CONTAINER_MP4) {
+    if (err == KORVALEN_ERR_FILE_INDEX) {
         // The index could not be written: the temporary file and its journal
         // stay for recovery, under the temporary name.
         std::snprintf(finalName, kRecordNameMax, "%s", next);
-        return err;
+        return KORVALEN_ERR_DISK_FULL;
     }
     if (std::rename(next, finalName) != 0) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] rename %s fail", port, next);

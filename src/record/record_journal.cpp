@@ -1,5 +1,6 @@
 // Journal writing, and the recovery of record files whose writer died.
 #include "record/record_journal.h"
+#include "record/record_mux_av.h"
 
 #include <cerrno>
 #include <csignal>
@@ -38,18 +39,6 @@ void FinalNameOf(const REC_JOURNAL_HEADER& h, const char* tempPath, time_t when,
     }
 }
 
-// Length-prefixed units back to Annex B, in place (4-byte lengths).
-void ToAnnexB(uint8_t* d, uint32_t n)
-{
-    for (uint32_t at = 0; at + 4 <= n;) {
-        const uint32_t len = static_cast<uint32_t>(d[at]) << 24 | static_cast<uint32_t>(d[at + 1]) << 16 |
-                             static_cast<uint32_t>(d[at + 2]) << 8 | d[at + 3];
-        d[at] = d[at + 1] = d[at + 2] = 0;
-        d[at + 3] = 1;
-        at += 4 + len;
-    }
-}
-
 uint32_t RebuildMp4(const REC_JOURNAL_HEADER& h, std::FILE* journal, const char* tempPath, const char* finalName)
 {
     std::FILE* in = std::fopen(tempPath, "rb");
@@ -78,7 +67,7 @@ uint32_t RebuildMp4(const REC_JOURNAL_HEADER& h, std::FILE* journal, const char*
         if (e.flags & REC_ENTRY_AUDIO) {
             err = MUX_WriteAudio(mux, buf, e.size);
         } else {
-            ToAnnexB(buf, e.size);
+            REC_ToAnnexB(buf, e.size);
             err = MUX_WriteVideo(mux, buf, e.size, e.pts, (e.flags & REC_ENTRY_KEY) != 0, h.frameRate);
         }
         ++written;

@@ -16,6 +16,7 @@ extern "C" {
 #include "log/log.h"
 #include "platform/qmx_heap.h"
 #include "record/record_journal.h"
+#include "record/record_mux_av.h"
 
 struct REC_MUX {
     int32_t container = REC_CONTAINER_NONE;
@@ -59,22 +60,25 @@ AVCodecID CodecId(uint32_t codec)
     }
 }
 
-uint32_t StartAv(REC_MUX* m, const REC_MUX_SETUP* s)
+} // namespace
+
+uint32_t MUX_AddAvStreams(AVFormatContext* fmt, int32_t container, const REC_MUX_SETUP* s, AVStream** video,
+                          AVStream** audio)
 {
     const AVCodecID id = CodecId(s->videoCodec);
-    if (id == AV_CODEC_ID_NONE || (m->container == REC_CONTAINER_TS && id == AV_CODEC_ID_MJPEG)) {
+    if (id == AV_CODEC_ID_NONE || (container == REC_CONTAINER_TS && id == AV_CODEC_ID_MJPEG)) {
         return KORVALEN_ERR_NOT_SUPPORTED;
     }
-    m->video = avformat_new_stream(m->fmt, nullptr);
-    if (!m->video) {
+    (*video) = avformat_new_stream(fmt, nullptr);
+    if (!(*video)) {
         return 1;
     }
-    AVCodecParameters* p = m->video->codecpar;
+    AVCodecParameters* p = (*video)->codecpar;
     p->codec_type = AVMEDIA_TYPE_VIDEO;
     p->codec_id = id;
     p->width = static_cast<int>(s->width);
     p->height = static_cast<int>(s->height);
-    if (m->container == REC_CONTAINER_MP4) {
+    if (container == REC_CONTAINER_MP4) {
         if (id == AV_CODEC_ID_H264) {
             p->codec_tag = MKTAG('a', 'v', 'c', '1');
         } else if (id == AV_CODEC_ID_HEVC) {
@@ -91,23 +95,34 @@ uint32_t StartAv(REC_MUX* m, const REC_MUX_SETUP* s)
         std::memcpy(p->extradata, s->paramSets, s->paramLen);
         p->extradata_size = static_cast<int>(s->paramLen);
     }
-    m->video->time_base = AVRational{1, 90000};
+    (*video)->time_base = AVRational{1, 90000};
     if (s->frameRate) {
-        m->video->avg_frame_rate = AVRational{static_cast<int>(s->frameRate), 1};
+        (*video)->avg_frame_rate = AVRational{static_cast<int>(s->frameRate), 1};
     }
     if (s->audio) {
-        m->audio = avformat_new_stream(m->fmt, nullptr);
-        if (!m->audio) {
+        (*audio) = avformat_new_stream(fmt, nullptr);
+        if (!(*audio)) {
             return 1;
         }
-        AVCodecParameters* a = m->audio->codecpar;
+        AVCodecParameters* a = (*audio)->codecpar;
         a->codec_type = AVMEDIA_TYPE_AUDIO;
         a->codec_id = AV_CODEC_ID_MP2;
         a->sample_rate = kMp2Rate;
         av_channel_layout_default(&a->ch_layout, 1);
         a->frame_size = kMp2FrameSamples;
         a->bit_rate = 64000;
-        m->audio->time_base = AVRational{1, kMp2Rate};
+        (*audio)->time_base = AVRational{1, kMp2Rate};
+    }
+    return KORVALEN_OK;
+}
+
+namespace {
+
+uint32_t StartAv(REC_MUX* m, const REC_MUX_SETUP* s)
+{
+    uint32_t err = MUX_AddAvStreams(m->fmt, m->container, s, &m->video, &m->audio);
+    if (err != KORVALEN_OK) {
+        return err;
     }
     int r = avformat_write_header(m->fmt, nullptr);
     if (r < 0 || m->fmt->pb->error < 0) {
@@ -328,6 +343,14 @@ uint32_t MUX_Close(REC_MUX* m)
     }
     if (m->journal) {
         std::fclose(m->journal);
+        if (keepJournal) {
+            // No room for the index: make room by dropping the last samples.
+            if (REC_FinishMp4InPlace(m->path, m->journalPath) == KORVALEN_OK) {
+                keepJournal = false;
+            } else {
+                err = KORVALEN_ERR_FILE_INDEX;
+            }
+        }
         if (!keepJournal) {
             unlink(m->journalPath);
         }

@@ -44,6 +44,7 @@ uint32_t MUX_WriteAudio(REC_MUX* m, const uint8_t* data, uint32_t len);
 // Size the division check looks at (MP4: the file on disk; TS: the write
 // position; AVI: the file length).
 uint64_t MUX_Size(REC_MUX* m);
-// Finishes the file and removes its journal. 0, or 264 when the end could not
-// be written (an MP4 file then keeps its journal for recovery).
+// Finishes the file and removes its journal. 0; 264 when a write failed (the
+// file holds what fitted and plays); 271 when an MP4 file could not be given
+// its index (the file keeps its journal for recovery).
 uint32_t MUX_Close(REC_MUX* m);

@@ -98,18 +98,20 @@ int StopAfterDiskFull(uint32_t port, const std::string& temp)
 
 } // namespace
 
-TEST_F(SurvivalTest, DiskFullLeavesPlayableAviAndTs)
+TEST_F(SurvivalTest, DiskFullLeavesPlayableFiles)
 {
-    for (uint32_t type : {14u, 1u}) {
-        const std::string name = type == 14 ? "full_avi" : "full_ts";
+    // MP4 gets its index in the space its samples held: the last ones go.
+    for (uint32_t type : {0u, 14u, 1u}) {
+        const std::string name = "full" + std::to_string(type);
         const int code = RunChild(name, type, kFileLimit,
                                   [&](uint32_t port) { return StopAfterDiskFull(port, dir + "/" + name + ".temp"); });
         EXPECT_EQ(code, 3) << name << ": 1 = stop answered 264, 2 = run message 264";
-        const std::string file = dir + "/" + name + (type == 14 ? ".avi" : ".ts");
+        const std::string file = dir + "/" + name + (type == 0 ? ".mp4" : (type == 14 ? ".avi" : ".ts"));
         struct stat st;
         ASSERT_EQ(stat(file.c_str(), &st), 0) << file;
         EXPECT_LE(static_cast<rlim_t>(st.st_size), kFileLimit);
         ExpectPrefix(file, 3);
+        EXPECT_FALSE(FileExists(dir + "/" + name + ".temp.journal"));
         if (type == 14) {
             AVI_HANDLE avi = AVI_CreateAviParser(file.c_str());
             ASSERT_NE(avi, nullptr);
@@ -117,19 +119,6 @@ TEST_F(SurvivalTest, DiskFullLeavesPlayableAviAndTs)
             AVI_FileClose(nullptr, avi);
         }
     }
-}
-
-TEST_F(SurvivalTest, DiskFullMp4IsRecoveredFromItsJournal)
-{
-    const std::string temp = dir + "/full_mp4.temp";
-    const int code = RunChild("full_mp4", 0, kFileLimit, [&](uint32_t port) { return StopAfterDiskFull(port, temp); });
-    EXPECT_EQ(code, 3);
-    char final[kRecordNameMax];
-    ASSERT_EQ(REC_RecoverFile(temp.c_str(), false, final), 0u);
-    EXPECT_EQ(std::string(final), dir + "/full_mp4.mp4");
-    EXPECT_FALSE(FileExists(temp));
-    EXPECT_FALSE(FileExists(temp + ".journal"));
-    ExpectPrefix(final, 3);
 }
 
 TEST_F(SurvivalTest, KilledRecorderIsRecovered)
