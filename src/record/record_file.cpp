@@ -98,8 +98,15 @@ uint32_t REC_FinishFile(uint32_t port, PortRecorder* r, char* finalName)
 
 uint32_t REC_DivisionCheck(PortRecorder* r)
 {
-    const uint64_t size = r->sizeLimit ? MUX_Size(r->mux) : 0;
-    return REC_NeedDivide(r->recordType, r->sizeLimit, r->timeLimit, size, time(nullptr), r->fileStartTime);
+    uint64_t sizeLimit;
+    uint32_t timeLimit;
+    {
+        std::lock_guard<std::mutex> lock(r->lock); // the caller may change the limits meanwhile
+        sizeLimit = r->sizeLimit;
+        timeLimit = r->timeLimit;
+    }
+    const uint64_t size = sizeLimit ? MUX_Size(r->mux) : 0;
+    return REC_NeedDivide(r->recordType, sizeLimit, timeLimit, size, time(nullptr), r->fileStartTime);
 }
 
 uint32_t Player_CreateNewFile(PortRecord* rec)

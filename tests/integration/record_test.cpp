@@ -133,37 +133,39 @@ INSTANTIATE_TEST_SUITE_P(Containers, LiveRecordTest, ::testing::Values(0u, 1u, 1
 
 TEST_F(RecordTest, PushedStreamsWithSoundAndH265)
 {
-    // MPEG-TS with AAC sound: the sound is kept as MP2.
+    // MPEG-TS with AAC sound: the sound is kept as MP2, in MP4 and in AVI.
     const std::string ts = FixturePath("h264_aac.ts");
     REQUIRE_FIXTURE(ts);
-    ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
-    ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/ts_in.mp4").c_str(), 0, nullptr), 1);
-    PushAll(Chunks(ReadFileBytes(ts), 188 * 7));
-    ASSERT_EQ(Korvalen_StopRecord(port), 1);
-    const std::string out = dir + "/ts_in.mp4";
-    EXPECT_EQ(Finished(1), std::vector<std::string>{out}) << "the caller's extension is not doubled";
     const auto want = FfmpegFrameMd5(ts, "", "-map 0:v");
-    const auto got = FfmpegFrameMd5(out, "", "-map 0:v");
     ASSERT_GE(want.size(), 10u);
-    // A stream's last frame waits for the next PES: it may be missing.
-    ASSERT_GE(got.size() + 1, want.size());
-    EXPECT_EQ(got, std::vector<std::string>(want.begin(), want.begin() + static_cast<long>(got.size())));
-    // MP4 names MPEG-1 audio of any layer with one object type; ffprobe
-    // calls it mp3 until it has parsed a frame.
-    EXPECT_TRUE(std::regex_match(StreamCodecs(out), std::regex("h264,mp[23]"))) << StreamCodecs(out);
-    EXPECT_GT(FfmpegFrameMd5(out, "", "-map 0:a").size(), 10u) << "sound frames were written";
-    ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
+    for (const char* ext : {".mp4", ".avi"}) {
+        const std::string out = dir + "/ts_in" + ext;
+        ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
+        ASSERT_EQ(Korvalen_StartRecord(port, out.c_str(), ext[1] == 'm' ? 0 : 14, nullptr), 1);
+        PushAll(Chunks(ReadFileBytes(ts), 188 * 7));
+        ASSERT_EQ(Korvalen_StopRecord(port), 1);
+        EXPECT_EQ(Finished(8).back(), out) << "the caller's extension is not doubled";
+        const auto got = FfmpegFrameMd5(out, "", "-map 0:v");
+        // A stream's last frame waits for the next PES: it may be missing.
+        ASSERT_GE(got.size() + 1, want.size()) << out;
+        EXPECT_EQ(got, std::vector<std::string>(want.begin(), want.begin() + static_cast<long>(got.size())));
+        // MP4 names MPEG-1 audio of any layer with one object type; ffprobe
+        // calls it mp3 until it has parsed a frame.
+        EXPECT_TRUE(std::regex_match(StreamCodecs(out), std::regex("h264,mp[23]"))) << StreamCodecs(out);
+        EXPECT_GT(FfmpegFrameMd5(out, "", "-map 0:a").size(), 10u) << out << ": sound frames were written";
+        ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
+    }
 
-    // Raw H.265 access units into MP4 ("hev1") and MPEG-TS.
+    // Raw H.265 access units into MP4 ("hev1"), MPEG-TS and AVI.
     const std::string hevc = FixturePath("hevc_352x288_nob.hevc");
     REQUIRE_FIXTURE(hevc);
     const auto aus = ReadPackets(hevc);
-    for (uint32_t type : {0u, 1u}) {
+    for (uint32_t type : {0u, 1u, 14u}) {
         ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
         ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/h265").c_str(), type, nullptr), 1);
         PushAll(aus);
         ASSERT_EQ(Korvalen_StopRecord(port), 1);
-        const std::string file = dir + (type == 0 ? "/h265.mp4" : "/h265.ts");
+        const std::string file = dir + (type == 0 ? "/h265.mp4" : (type == 1 ? "/h265.ts" : "/h265.avi"));
         EXPECT_EQ(FfmpegFrameMd5(file), FfmpegFrameMd5(hevc)) << file;
         if (type == 0) {
             EXPECT_EQ(StreamTags(file), "hev1");
