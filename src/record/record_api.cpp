@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "codec/code_manager.h"
 #include "log/log.h"
 #include "player/player_api.h"
 #include "player/port_table.h"
@@ -58,12 +59,21 @@ void ReleaseRecording(PortRecorder& r)
 
 PortRecorder::~PortRecorder()
 {
+    // A port freed while recording with no source open: the file is
+    // finished as a stop would.
     recording = 0;
     if (thread.joinable()) {
         thread.join();
     }
+    if (audioDecCodec != KORVALEN_CODEC_NONE) {
+        CODE_FreeCode(&audioDec);
+    }
+    if (mp2Open) {
+        CODE_FreeCode(&mp2Enc);
+    }
     if (mux) {
-        MUX_Close(mux); // the port went away while recording: the file stays as its temporary
+        char finalName[kRecordNameMax];
+        REC_FinishFile(0, this, finalName);
     }
     QUEUE_ReleasePacketBuffer(&queue);
     REC_FreeAssembly(&assembly);
@@ -192,6 +202,13 @@ uint32_t Player_StopRecord(uint32_t port)
     REC_StopThread(rec); // the thread drains the queue first
     char finalName[kRecordNameMax] = {};
     uint32_t err = KORVALEN_OK;
+    if (r.mux && !MUX_Started(r.mux)) {
+        // No key frame ever came: there is nothing to play, no file is kept.
+        MUX_Close(r.mux);
+        r.mux = nullptr;
+        std::remove(r.tempName);
+        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] Player_StopRecord warm, nothing recorded", port);
+    }
     if (r.mux) { // none when the last division could not open its file
         err = REC_FinishFile(port, &r, finalName);
         if (err != KORVALEN_OK && !r.failed) {
@@ -204,7 +221,7 @@ uint32_t Player_StopRecord(uint32_t port)
     ReleaseRecording(r);
     r.fileSize = 0;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_StopRecord success, %s", port, finalName);
-    return r.failed ? KORVALEN_ERR_DISK_FULL : err;
+    return r.failed ? r.failed : err;
 }
 
 uint32_t Player_StopRecordEx(uint32_t port, const KORVALEN_RECORD_PARAM* param)

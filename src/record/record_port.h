@@ -48,7 +48,7 @@ struct PortRecorder {
     std::mutex feedLock; // sources adding packets against the queue's release
     REC_MUX* mux = nullptr;
     std::atomic<uint64_t> fileSize{0};
-    uint32_t failed = 0; // a write failed: nothing more goes into this recording
+    uint32_t failed = 0; // error that ended this recording's writing: 264, 262 or 7
 
     // Thread state.
     REC_ASSEMBLY assembly;

@@ -37,7 +37,7 @@ void Failed(PortRecord* rec, uint32_t err)
     if (r.failed) {
         return;
     }
-    r.failed = 1;
+    r.failed = err;
     KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] __RecordThreadEntry fail, write fail, error(0x%x)", rec->port, err);
     REC_SendReport(rec->port, err, r.tempName, nullptr);
 }
@@ -150,7 +150,7 @@ void HandleVideo(PortRecord* rec, const REC_FRAME& f, bool rtp, uint8_t* scratch
     if (r.divideWanted && key) {
         r.divideWanted = 0;
         if (Player_CreateNewFile(rec) != KORVALEN_OK) {
-            r.failed = 1;
+            r.failed = KORVALEN_ERR_FILE_OPEN;
             return;
         }
     }
@@ -169,7 +169,7 @@ void HandleVideo(PortRecord* rec, const REC_FRAME& f, bool rtp, uint8_t* scratch
             } else {
                 KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] __RecordThreadEntry fail, codec(%d) not supported",
                              rec->port, f.codecType);
-                r.failed = 1;
+                r.failed = KORVALEN_ERR_NOT_SUPPORTED;
             }
             return;
         }

@@ -274,3 +274,41 @@ TEST_F(RecordTest, SnapshotsAsJpegAndBmp)
     EXPECT_GT(bottomRight[2], 200) << "red";
     EXPECT_LT(bottomRight[0], 60);
 }
+
+TEST_F(RecordTest, MjpegAndWhatCannotBeRecorded)
+{
+    EXPECT_EQ(Korvalen_StartRecord(port, (dir + "/x").c_str(), 5, nullptr), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), 7u) << "no container for record type 5";
+    std::fclose(std::fopen((dir + "/plain").c_str(), "wb"));
+    EXPECT_EQ(Korvalen_StartRecord(port, (dir + "/plain/x").c_str(), 0, nullptr), 0) << "a file is no folder";
+    EXPECT_EQ(Korvalen_GetLastError(), 262u);
+
+    const std::string mjpeg = FixturePath("mjpeg_320x240.mjpeg");
+    REQUIRE_FIXTURE(mjpeg);
+    const auto jpegs = ReadPackets(mjpeg);
+    ASSERT_GT(jpegs.size(), 5u);
+    ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
+    // MJPEG goes into AVI...
+    ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/mj").c_str(), 14, nullptr), 1);
+    PushAll(jpegs);
+    ASSERT_EQ(Korvalen_StopRecord(port), 1);
+    EXPECT_EQ(FfmpegFrameMd5(dir + "/mj.avi"), FfmpegFrameMd5(mjpeg));
+    // ... but MPEG-TS cannot carry it: no file, and the stop says why.
+    ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/mj").c_str(), 1, nullptr), 1);
+    PushAll(jpegs);
+    EXPECT_EQ(Korvalen_StopRecord(port), 0);
+    EXPECT_EQ(Korvalen_GetLastError(), 7u);
+    EXPECT_FALSE(FileExists(dir + "/mj.ts"));
+    EXPECT_FALSE(FileExists(dir + "/mj.temp"));
+    ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
+
+    // Without a key frame nothing can play: nothing is kept.
+    const auto aus = ReadPackets(FixturePath("h264_352x288_nob.h264"));
+    ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
+    ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/p").c_str(), 0, nullptr), 1);
+    PushAll(std::vector<Bytes>(aus.begin() + 1, aus.begin() + 11));
+    ASSERT_EQ(Korvalen_StopRecord(port), 1);
+    EXPECT_FALSE(FileExists(dir + "/p.mp4"));
+    EXPECT_FALSE(FileExists(dir + "/p.temp"));
+    EXPECT_EQ(Finished(4), std::vector<std::string>{dir + "/mj.avi"});
+}
