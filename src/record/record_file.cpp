@@ -137,8 +137,7 @@ uint32_t Player_CreateNewFile(PortRecord* rec)
     if (MUX_Open(REC_Container(r.recordType), r.tempName, &naming, &r.mux) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_CreateNewFile fail, fopen fail", port);
         REC_SendReport(port, KORVALEN_ERR_FILE_OPEN, r.tempName, nullptr);
-        REC_NoteFinishedFile(&r, finalName);
-        return 1;
+        return 1; // the closed file already has its final name and was reported
     }
     REC_NoteFinishedFile(&r, finalName);
     r.fileStartTime = time(nullptr);
