@@ -258,7 +258,9 @@ uint32_t MUX_Start(REC_MUX* m, const REC_MUX_SETUP* s)
     h.frameRate = s->frameRate;
     h.audio = s->audio;
     h.paramLen = s->paramLen < kRecordParamSetsMax ? s->paramLen : 0;
-    std::memcpy(h.params, s->paramSets, h.paramLen);
+    if (h.paramLen) {
+        std::memcpy(h.params, s->paramSets, h.paramLen);
+    }
     if (m->journal && REC_JournalWriteHeader(m->journal, &h) != KORVALEN_OK) {
         return Fail(m);
     }
