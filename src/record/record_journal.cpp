@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <string>
@@ -19,12 +20,14 @@ namespace {
 
 constexpr uint32_t kSampleMax = 0x800000; // larger entries are not ours
 
-bool WriterAlive(uint32_t pid)
+bool WriterAlive(uint32_t pid, uint64_t start)
 {
-    if (pid == static_cast<uint32_t>(getpid())) {
-        return true; // another port of this process may still be writing it
+    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM) {
+        return false;
     }
-    return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+    // The process id may have been given to another process since; a file
+    // of this very process may still be written by one of its ports.
+    return start == 0 || REC_ProcessStart(pid) == start;
 }
 
 void FinalNameOf(const REC_JOURNAL_HEADER& h, const char* tempPath, time_t when, char* finalName)
@@ -88,6 +91,26 @@ uint32_t RebuildMp4(const REC_JOURNAL_HEADER& h, std::FILE* journal, const char*
 
 } // namespace
 
+uint64_t REC_ProcessStart(uint32_t pid)
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%u/stat", pid);
+    std::FILE* f = std::fopen(path, "r");
+    if (!f) {
+        return 0;
+    }
+    char line[1024];
+    const size_t n = std::fread(line, 1, sizeof line - 1, f);
+    std::fclose(f);
+    line[n] = 0;
+    // Field 22, counted after the command name, which may hold blanks.
+    const char* at = std::strrchr(line, ')');
+    for (int field = 2; at && field < 22; ++field) {
+        at = std::strchr(at + 1, ' ');
+    }
+    return at ? std::strtoull(at + 1, nullptr, 10) : 0;
+}
+
 void REC_JournalName(const char* path, char* out, size_t cap)
 {
     std::snprintf(out, cap, "%s%s", path, kJournalSuffix);
@@ -129,7 +152,7 @@ uint32_t REC_RecoverFile(const char* tempPath, bool force, char* finalName)
         return KORVALEN_ERR_FILE_INDEX;
     }
     h.baseName[kRecordNameMax - 1] = 0;
-    if (!force && WriterAlive(h.pid)) {
+    if (!force && WriterAlive(h.pid, h.pidStart)) {
         std::fclose(journal);
         return KORVALEN_ERR_RECORD_STARTED;
     }

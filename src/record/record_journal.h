@@ -16,8 +16,9 @@ constexpr uint32_t REC_ENTRY_KEY = 1;
 constexpr uint32_t REC_ENTRY_AUDIO = 2;
 
 struct REC_JOURNAL_HEADER {
-    char magic[4]; // "KRJ1"
-    uint32_t pid;  // the writer; its file is left alone while it lives
+    char magic[4];     // "KRJ1"
+    uint32_t pid;      // the writer; its file is left alone while it lives
+    uint64_t pidStart; // the writer's start time, so a reused process id is told apart
     uint32_t recordType;
     int32_t container;
     uint32_t partCounter;
@@ -40,6 +41,9 @@ struct REC_JOURNAL_ENTRY {
     uint32_t flags; // REC_ENTRY_*
     uint64_t pts;   // 90 kHz
 };
+
+// Start time of a process (clock ticks since boot), 0 when unknown.
+uint64_t REC_ProcessStart(uint32_t pid);
 
 // Journal file name of a record file (kRecordNameMax + 16 bytes).
 void REC_JournalName(const char* path, char* out, size_t cap);

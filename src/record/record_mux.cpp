@@ -202,6 +202,7 @@ uint32_t MUX_Open(int32_t container, const char* path, const REC_MUX_NAMING* nam
     REC_JOURNAL_HEADER& h = m->header;
     std::memcpy(h.magic, "KRJ1", 4);
     h.pid = static_cast<uint32_t>(getpid());
+    h.pidStart = REC_ProcessStart(h.pid);
     h.container = container;
     if (naming) {
         h.recordType = naming->recordType;
