@@ -8,6 +8,9 @@
 
 namespace {
 
+constexpr uint32_t kModeTs = 1;
+constexpr uint32_t kModeRtp = 2;
+constexpr uint32_t kModeFlv = 4;
 constexpr uint32_t kVideoCap = 0x200000;
 constexpr uint32_t kAudioCap = 10240;
 constexpr uint32_t kRdHdSize = 24;
@@ -16,6 +19,29 @@ uint32_t Le32(const uint8_t* p)
 {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
            static_cast<uint32_t>(p[3]) << 24;
+}
+
+uint32_t Flv(REC_ASSEMBLY* a, const uint8_t* data, uint32_t len, REC_FRAME* frame, bool* more)
+{
+    if (!a->flvTag && !(a->flvTag = static_cast<uint8_t*>(QMX_HeapMalloc(kFlvTagMax)))) {
+        return KORVALEN_ERR_NO_MEMORY;
+    }
+    if (a->mode != kModeFlv) {
+        a->mode = kModeFlv;
+        FLV_Reset(&a->flv, a->flvTag, a->video, kVideoCap, a->audio, kAudioCap);
+    }
+    if (len >= 5 && std::memcmp(data, "FLV", 3) == 0) {
+        a->flvAudio = (data[4] & 0x04) ? 1 : 0;
+    }
+    FLV_FRAME f{};
+    uint32_t err = FLV_UnpacketFlvData(&a->flv, data, len, &f);
+    *more = a->flv.resume;
+    if (err != KORVALEN_OK) {
+        return err;
+    }
+    // FLV counts milliseconds.
+    *frame = REC_FRAME{f.data, f.length, static_cast<uint64_t>(f.timestamp) * 90, f.codecType, f.frameType};
+    return KORVALEN_OK;
 }
 
 // Raw Annex B: the first slice decides codec and frame type.
@@ -47,6 +73,7 @@ uint32_t REC_InitAssembly(REC_ASSEMBLY* a)
     a->audio = static_cast<uint8_t*>(QMX_HeapMalloc(kAudioCap));
     a->mode = 0;
     a->headerPending = 0;
+    a->flvAudio = 0;
     if (!a->video || !a->audio) {
         REC_FreeAssembly(a);
         return KORVALEN_ERR_NO_MEMORY;
@@ -58,7 +85,8 @@ void REC_FreeAssembly(REC_ASSEMBLY* a)
 {
     QMX_HeapFree(a->video);
     QMX_HeapFree(a->audio);
-    a->video = a->audio = nullptr;
+    QMX_HeapFree(a->flvTag);
+    a->video = a->audio = a->flvTag = nullptr;
 }
 
 uint32_t REC_AssembleFrame(REC_ASSEMBLY* a, const uint8_t* data, uint32_t len, const RTP_PAYLOAD_TABLE* payloads,
@@ -68,10 +96,17 @@ uint32_t REC_AssembleFrame(REC_ASSEMBLY* a, const uint8_t* data, uint32_t len, c
     if (!data || len == 0) {
         return KORVALEN_ERR_NEED_MORE_DATA;
     }
-    const bool tsResume = a->mode == 1 && a->ts.resume;
+    if (a->mode == kModeFlv && (a->flv.resume || FLV_InsideTag(&a->flv) || FLV_IsFlvData(&a->flv, data, len))) {
+        return Flv(a, data, len, frame, more); // a tag may go on in this chunk, whatever its first byte
+    }
+    const bool tsResume = a->mode == kModeTs && a->ts.resume;
+    if (!tsResume && !a->headerPending && (data[0] & 0xC0) != 0x80 &&
+        FLV_IsFlvData(a->mode == kModeFlv ? &a->flv : nullptr, data, len)) {
+        return Flv(a, data, len, frame, more);
+    }
     if (tsResume || (!a->headerPending && data[0] == 0x47)) {
-        if (a->mode != 1) {
-            a->mode = 1;
+        if (a->mode != kModeTs) {
+            a->mode = kModeTs;
             TS_Reset(&a->ts, a->video, kVideoCap, a->audio, kAudioCap);
         }
         TS_FRAME f{};
@@ -91,8 +126,8 @@ uint32_t REC_AssembleFrame(REC_ASSEMBLY* a, const uint8_t* data, uint32_t len, c
         return KORVALEN_OK;
     }
     if ((data[0] & 0xC0) == 0x80) {
-        if (a->mode != 2) {
-            a->mode = 2;
+        if (a->mode != kModeRtp) {
+            a->mode = kModeRtp;
             RTP_InitStream(&a->rtpVideo, a->video, kVideoCap);
             RTP_InitStream(&a->rtpAudio, a->audio, kAudioCap);
         }

@@ -1,11 +1,12 @@
 // The recorder's own frame assembly: received packets and pushed chunks are
-// turned into whole frames (RTP, MPEG-TS, raw Annex B, "RdHd"-headed and
-// JPEG chunks), with buffers apart from the decode side's.
+// turned into whole frames (RTP, MPEG-TS, FLV, raw Annex B, "RdHd"-headed
+// and JPEG chunks), with buffers apart from the decode side's.
 #pragma once
 
 #include <cstdint>
 
 #include "net/rtp.h"
+#include "player/flv_parser.h"
 #include "player/ts_parser.h"
 
 struct REC_FRAME {
@@ -17,12 +18,15 @@ struct REC_FRAME {
 };
 
 struct REC_ASSEMBLY {
-    uint8_t* video = nullptr; // 2 MiB
-    uint8_t* audio = nullptr; // 10240 bytes
-    uint32_t mode = 0;        // 1 TS, 2 RTP
+    uint8_t* video = nullptr;  // 2 MiB
+    uint8_t* audio = nullptr;  // 10240 bytes
+    uint32_t mode = 0;         // 1 TS, 2 RTP, 4 FLV
+    uint8_t* flvTag = nullptr; // made on the first FLV chunk
     RTP_STREAM_INFO rtpVideo;
     RTP_STREAM_INFO rtpAudio;
     TS_PARSER ts;
+    FLV_PARSER flv;
+    uint32_t flvAudio = 0;      // the FLV header announces sound
     uint32_t headerPending = 0; // the next chunk is the frame an "RdHd" header announced
     REC_FRAME header{};
 };

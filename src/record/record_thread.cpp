@@ -128,6 +128,7 @@ uint32_t StartFile(PortRecord* rec, const REC_FRAME& f)
     }
     s.frameRate = r.frameRate;
     s.audio = r.audioDecCodec != KORVALEN_CODEC_NONE ? 1 : 0;
+    s.audio |= r.assembly.mode == 4 ? r.assembly.flvAudio : 0; // FLV says so in its header
     if (r.assembly.mode == 1) {
         // MPEG-TS names its streams before their first frames.
         for (uint32_t i = 0; i < r.assembly.ts.count; ++i) {
@@ -284,7 +285,7 @@ void Consume(PortRecord* rec, const uint8_t* data, uint32_t len, uint8_t* scratc
             continue;
         }
         if (IsVideo(f.codecType)) {
-            HandleVideo(rec, f, r.assembly.mode == 2, scratch);
+            HandleVideo(rec, f, r.assembly.mode == 2, scratch); // RTP stamps wrap at 32 bits
         } else if (IsAudio(f.codecType)) {
             HandleAudio(rec, f);
         }

@@ -90,6 +90,11 @@ inline std::string Probe(const std::string& path, const std::string& entry)
 {
     Bytes out = RunCommand("ffprobe -v error -show_entries stream=" + entry + " -of csv=p=0 '" + path + "'");
     std::string s(out.begin(), out.end());
+    // MPEG-TS lists its programme's streams first: the streams come after.
+    const size_t programmes = s.rfind("\n\n");
+    if (programmes != std::string::npos) {
+        s = s.substr(programmes + 2);
+    }
     for (auto& c : s) {
         if (c == '\n') {
             c = ',';

@@ -156,6 +156,18 @@ TEST_F(RecordTest, PushedStreamsWithSoundAndH265)
         ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
     }
 
+    // FLV with G.711 sound, in chunks that cut tags apart, into MPEG-TS.
+    const std::string flv = FixturePath("h264_g711.flv");
+    REQUIRE_FIXTURE(flv);
+    ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
+    ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/flv").c_str(), 1, nullptr), 1);
+    PushAll(Chunks(ReadFileBytes(flv), 1000));
+    ASSERT_EQ(Korvalen_StopRecord(port), 1);
+    ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
+    EXPECT_EQ(StreamCodecs(dir + "/flv.ts"), "h264,mp2");
+    EXPECT_EQ(FfmpegFrameMd5(dir + "/flv.ts", "", "-map 0:v"), FfmpegFrameMd5(flv, "", "-map 0:v"));
+    EXPECT_GT(FfmpegFrameMd5(dir + "/flv.ts", "", "-map 0:a").size(), 10u);
+
     // Raw H.265 access units into MP4 ("hev1"), MPEG-TS and AVI.
     const std::string hevc = FixturePath("hevc_352x288_nob.hevc");
     REQUIRE_FIXTURE(hevc);
