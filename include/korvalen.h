@@ -248,25 +248,25 @@ KORVALEN_API int32_t Korvalen_SetDrawMediaDataCBEx(uint32_t port, KORVALEN_DRAW_
 /* Recording and snapshot                                                   */
 /* ======================================================================== */
 
-/** Not built yet. Divide recordings every size_mb MiB (10..4000). */
+/** Divide recordings every size_mb MiB (10..4000). */
 KORVALEN_API int32_t Korvalen_SetRecordSize(uint32_t port, uint32_t size_mb);
-/** Not built yet. Divide recordings every minutes (1..60). */
+/** Divide recordings every minutes (1..60). */
 KORVALEN_API int32_t Korvalen_SetRecordDivByTime(uint32_t port, uint32_t minutes);
-/** Not built yet. Start recording to file_name (without extension) in the
+/** Start recording to file_name (without extension) in the
  *  record type's container; param may be null. Errors: 537 already recording. */
 KORVALEN_API int32_t Korvalen_StartRecord(uint32_t port, const char* file_name, uint32_t record_type,
                                           const KORVALEN_RECORD_PARAM* param);
-/** Not built yet. Stop recording and close the file. */
+/** Stop recording and close the file. */
 KORVALEN_API int32_t Korvalen_StopRecord(uint32_t port);
-/** Not built yet. Stop recording with the caller's end time (param may be null). */
+/** Stop recording with the caller's end time (param may be null). */
 KORVALEN_API int32_t Korvalen_StopRecordEx(uint32_t port, const KORVALEN_RECORD_PARAM* param);
-/** Not built yet. 1 while recording, else 0. */
+/** 1 while recording, else 0. */
 KORVALEN_API int32_t Korvalen_GetRecordStatus(uint32_t port, uint32_t* recording);
-/** Not built yet. Copy up to count finished file names into list. */
+/** Copy up to count finished file names into list. */
 KORVALEN_API int32_t Korvalen_GetRecordFiles(uint32_t port, uint32_t count, KORVALEN_RECORD_FILE* list);
-/** Not built yet. Bytes written to the current record file. */
+/** Bytes written to the current record file. */
 KORVALEN_API int32_t Korvalen_GetRecordFileSize(uint32_t port, uint64_t* size);
-/** Not built yet. Save the next picture as JPEG (format 0) or BMP (1). */
+/** Save the next picture as JPEG (format 0) or BMP (1). */
 KORVALEN_API int32_t Korvalen_SnatchOnce(uint32_t port, const char* file_name, uint32_t picture_format,
                                          const KORVALEN_SNAP_PARAM* param);
 

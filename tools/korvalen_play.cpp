@@ -1,8 +1,9 @@
 // korvalen-play: the demo player. Plays a live RTP stream (UDP, or
 // "$"-framed TCP), an MPEG-TS stream pushed in on standard input, or a local
 // MP4 / MPEG-TS file, on one port, in an X11 window or headless, prints live
-// statistics once a second, and can save a snapshot of the picture shown and
-// a screenshot of the window.
+// statistics once a second, can save a snapshot of the picture shown and a
+// screenshot of the window, and records live and pushed streams (MP4, or
+// MPEG-TS / AVI by the file's extension).
 //   korvalen-play udp://[local-ip]:port [options]
 //   korvalen-play tcp://host:port [options]
 //   ffmpeg ... -f mpegts - | korvalen-play --stdin-ts [options]
@@ -11,7 +12,8 @@
 // Options: --headless, --sound, --duration SECONDS, --snapshot FILE.ppm,
 //          --screenshot FILE.ppm, --fluency N (0 off, 1 normal, 3 low delay,
 //          4 smooth), --talk (tcp only: the microphone goes to the device,
-//          G.711 at 8 kHz, on the stream's own connection)
+//          G.711 at 8 kHz, on the stream's own connection),
+//          --record FILE.mp4|FILE.ts|FILE.avi
 // Files:   --speed CODE (Korvalen_SpeedPlay code, 2 = normal), --seek SECONDS,
 //          --step N (show N frames one by one, then stay paused)
 #include <atomic>
@@ -186,11 +188,39 @@ struct PlayOptions {
     bool headless = false, sound = false, talk = false;
     int duration = 0;
     uint32_t fluency = 1;
-    std::string snapshot, screenshot;
+    std::string snapshot, screenshot, record;
     int speed = -1; // files
     int seek = -1;
     int step = 0;
 };
+
+// Record type by the file's extension: plain naming in MP4, MPEG-TS or AVI.
+uint32_t RecordTypeOf(const std::string& path)
+{
+    auto ends = [&](const char* e) {
+        const size_t n = std::strlen(e);
+        return path.size() >= n && path.compare(path.size() - n, n, e) == 0;
+    };
+    return ends(".ts") ? 1 : (ends(".avi") ? 14 : 0);
+}
+
+void StopRecording(uint32_t port)
+{
+    uint32_t recording = 0;
+    if (!Korvalen_GetRecordStatus(port, &recording) || !recording) {
+        return;
+    }
+    if (!Korvalen_StopRecord(port)) {
+        std::fprintf(stderr, "korvalen-play: recording ended with error %u\n", Korvalen_GetLastError());
+    }
+    KORVALEN_RECORD_FILE files[16] = {};
+    Korvalen_GetRecordFiles(port, 16, files);
+    for (const auto& f : files) {
+        if (f.name[0]) {
+            std::printf("recorded %s\n", f.name);
+        }
+    }
+}
 
 // A file: seek, then single steps or play at the speed asked.
 void StartFile(uint32_t port, Window win, const PlayOptions& o)
@@ -275,6 +305,10 @@ int Play(const std::string& url, const PlayOptions& o)
     } else {
         Korvalen_StartPlay(port, win);
     }
+    if (!o.record.empty() && !Korvalen_StartRecord(port, o.record.c_str(), RecordTypeOf(o.record), nullptr)) {
+        std::fprintf(stderr, "korvalen-play: cannot record to %s (error %u)\n", o.record.c_str(),
+                     Korvalen_GetLastError());
+    }
     uint32_t fileSeconds = 0;
     if (file) {
         Korvalen_GetFileTime(port, &fileSeconds);
@@ -323,6 +357,7 @@ int Play(const std::string& url, const PlayOptions& o)
     if (feeder.joinable()) {
         feeder.join();
     }
+    StopRecording(port);
     Korvalen_StopPlay(port, win);
     if (stdinTs) {
         Korvalen_CloseInputStream(port);
@@ -346,6 +381,7 @@ void Usage()
     std::printf("usage: korvalen-play udp://[local-ip]:port | tcp://host:port | --stdin-ts | FILE\n"
                 "                     [--headless] [--sound] [--duration SECONDS] [--snapshot FILE.ppm]\n"
                 "                     [--screenshot FILE.ppm] [--fluency N] [--talk]\n"
+                "                     [--record FILE.mp4|FILE.ts|FILE.avi]\n"
                 "                     FILE only: [--speed CODE] [--seek SECONDS] [--step N]\n"
                 "       korvalen-play --self-check\n");
 }
@@ -377,6 +413,8 @@ int main(int argc, char** argv)
             o.snapshot = argv[++i];
         } else if (a == "--screenshot" && i + 1 < argc) {
             o.screenshot = argv[++i];
+        } else if (a == "--record" && i + 1 < argc) {
+            o.record = argv[++i];
         } else if (a == "--fluency" && i + 1 < argc) {
             o.fluency = static_cast<uint32_t>(std::atoi(argv[++i]));
         } else if (a == "--speed" && i + 1 < argc) {

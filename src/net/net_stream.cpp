@@ -15,6 +15,7 @@
 #include "player/port_table.h"
 #include "player/report.h"
 #include "player/stream_decode.h"
+#include "record/record.h"
 
 namespace {
 
@@ -38,6 +39,7 @@ void FreeNet(PortRecord* rec)
 
 void Deliver(PortRecord* rec, const uint8_t* data, uint32_t len)
 {
+    REC_QueuePacket(rec, data, len, 0);
     Stream_QueuePacket(rec, data, len, &rec->net.running, kQueueFullLogEvery);
 }
 
@@ -186,6 +188,7 @@ uint32_t Player_CloseNetStream(uint32_t port)
     if (!rec || rec->sourceKind != SOURCE_NET_STREAM) {
         return KORVALEN_OK;
     }
+    Player_StopRecord(port);
     rec->sound.open = 0;
     Player_StopPlay(port, rec->playback.window);
     PortNet& n = rec->net;

@@ -8,7 +8,6 @@
 
 // Answer of an inner function whose feature has not landed yet: 259 for a
 // port that is not allocated, otherwise 7.
-uint32_t Player_NotBuilt(uint32_t port);
 
 // Live network stream.
 uint32_t Player_OpenNetStream(uint32_t port, const char* localIp, uint16_t localPort, const char* remoteIp,

@@ -18,6 +18,7 @@
 #include "player/port_playback.h"
 #include "player/port_stream.h"
 #include "queue/queue_packet.h"
+#include "record/record_port.h"
 
 enum SourceKind : uint32_t {
     SOURCE_NONE = 0,
@@ -86,4 +87,6 @@ struct PortRecord {
     uint32_t gpuDecode = 0;    // copy of the global switch at allocation
     int32_t seekRequest = -1;  // seconds, -1 = none
     int32_t lastPlayTime = -1; // seconds, -1 = not known yet
+
+    PortRecorder recorder; // last: its thread reads the stream settings above
 };

@@ -14,6 +14,7 @@
 #include "player/player_gpu.h"
 #include "player/player_pacing.h"
 #include "player/port.h"
+#include "record/record.h"
 
 namespace {
 
@@ -202,6 +203,7 @@ void DecodeVideo(PortRecord* rec)
         ~GpuCopy() { QMX_HeapFree(o.planes[0]); }
     } freeCopy{gpuOut};
     CODE_OUTPUT& out = OnGpu(st.video) ? gpuOut : st.videoOut;
+    Snap_OnPicture(rec, &out);
     rec->playback.pictureWidth = out.width;
     rec->playback.pictureHeight = out.height;
     {
@@ -296,7 +298,7 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
                 fn(rec->port, &p, cb.user.load(), 0);
             }
         }
-        if (rec->playback.videoDecode || rec->callbacks.decodeVideo.fn) {
+        if (rec->playback.videoDecode || rec->callbacks.decodeVideo.fn || rec->recorder.snap.pending) {
             DecodeVideo(rec);
         }
         Audio_PlayPortFrame(rec, nullptr);

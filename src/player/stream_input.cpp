@@ -11,6 +11,7 @@
 #include "player/player_api.h"
 #include "player/port_table.h"
 #include "player/stream_decode.h"
+#include "record/record.h"
 
 namespace {
 
@@ -144,6 +145,7 @@ uint32_t Player_InputMediaData(uint32_t port, const uint8_t* data, uint32_t leng
     if (rec->sourceKind != SOURCE_HLS) {
         NET_CalcBitRate(length, &rec->net.bitrate);
     }
+    REC_QueuePacket(rec, data, length, kFullRetries);
     return Stream_QueuePacket(rec, data, length, nullptr, kFullLogEvery, kFullRetries);
 }
 
@@ -153,6 +155,7 @@ uint32_t Player_CloseInputStream(uint32_t port)
     if (!rec || !rec->stream.inputOpen) {
         return KORVALEN_OK;
     }
+    Player_StopRecord(port);
     rec->sound.open = 0;
     Player_StopPlay(port, rec->playback.window);
     Stream_CloseDecodeSide(rec);
