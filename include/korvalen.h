@@ -12,10 +12,6 @@
  * KORVALEN_ERR_PORT (259), null output pointers with KORVALEN_ERR_INVALID_PARAM
  * (2), and calls on one port are serialised by that port's lock (re-entrant
  * for the same thread). A port that is not allocated gives 259.
- *
- * Not built yet: functions whose comment says "Not built yet" answer
- * KORVALEN_ERR_NOT_SUPPORTED (7) on an allocated port until their feature
- * lands (AVI files, recording and snapshots).
  */
 #ifndef KORVALEN_H
 #define KORVALEN_H

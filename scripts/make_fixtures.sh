@@ -139,6 +139,8 @@ fixture file_hevc_mp2.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v
 fixture file_hevc_b_faststart.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v hev1 \
   -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=2 -pix_fmt yuv420p -an \
   -movflags faststart -f mp4
+fixture file_h264_mp2.avi "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
+  -c:a mp2 -b:a 64k -f avi
 fixture file_h264_mp2.ts "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
   -c:a mp2 -b:a 64k -f mpegts
 fixture file_hevc_aac.ts "${file_src[@]}" -c:v libx265 -preset ultrafast \

@@ -1,6 +1,8 @@
 // Container detection and dispatch: one FileParserInfo per file-playing port.
 #include "file/file_parser.h"
 
+#include "avi/avi.h"
+
 #include <cstring>
 
 #include "file/qmx_file.h"
@@ -74,9 +76,11 @@ void Undo(FileParserInfo* info)
     info->tsAudioBuffer = nullptr;
     QMX_FileClose(info->file);
     info->file = nullptr;
-    // The AVI and record-format readers would be closed here, in this order.
+    if (info->aviParser) {
+        AVI_FileClose(nullptr, info->aviParser);
+    }
     info->aviParser = nullptr;
-    info->tolkParser = nullptr;
+    info->tolkParser = nullptr; // the own record format has no reader yet
 }
 
 uint8_t* Buffer(uint32_t size, uint32_t* result)
@@ -90,6 +94,10 @@ uint8_t* Buffer(uint32_t size, uint32_t* result)
 }
 
 } // namespace
+
+// One read-mode number serves both indexed readers.
+static_assert(AVI_READ_ANY == MP4_READ_ANY && AVI_READ_KEY == MP4_READ_KEY && AVI_READ_VIDEO == MP4_READ_VIDEO &&
+              AVI_READ_MARKED == MP4_READ_MARKED);
 
 uint32_t File_ParserReadMode(uint32_t playerMode)
 {
@@ -134,10 +142,15 @@ uint32_t File_CreateFileParser(const char* name, FileParserInfo* info)
             if (info->tsAudioBuffer) {
                 File_ResetTsDemux(info);
             }
-        } else if (ProbeAvi(info->file) || ProbeTolk(info->file)) {
-            // The AVI reader (AVI_CreateAviParser from the name) and the own
-            // record format reader (TOLK_CreateTolkParser) hook in here; until
-            // they exist such files answer as unsupported content.
+        } else if (ProbeAvi(info->file)) {
+            info->aviParser = AVI_CreateAviParser(name);
+            if (!info->aviParser) {
+                FILE_LOG(KORVALEN_LOG_ERROR, "File_CreateFileParser fail, AVI_CreateAviParser fail");
+                result = KORVALEN_ERR_INVALID_PARAM;
+            }
+        } else if (ProbeTolk(info->file)) {
+            // The own record format is recognised but has no reader: its files
+            // answer as unsupported content.
             result = kFileErrUnsupported;
         } else {
             result = kFileErrUnsupported;
@@ -196,6 +209,16 @@ uint32_t File_GetFileProperty(FileParserInfo* info)
             return err;
         }
         info->startTime = 0;
+    } else if (info->aviParser) {
+        AVI_INFO avi{};
+        uint32_t err = AVI_GetAviInfo(info->aviParser, &avi);
+        if (err != KORVALEN_OK) {
+            FILE_LOG(KORVALEN_LOG_ERROR, "File_GetFileProperty fail, AVI_GetAviInfo fail, error(%d)", err);
+            return err;
+        }
+        info->frameRate = avi.frameRate;
+        info->totalTime = avi.totalTime;
+        info->startTime = 0;
     } else {
         uint32_t err = File_GetTsProperty(info);
         if (err != KORVALEN_OK) {
@@ -210,6 +233,25 @@ uint32_t File_ReadOneFrame(FileParserInfo* info, FileFrameInfo* frame, uint32_t 
 {
     if (!info || !frame || !info->file) {
         return KORVALEN_ERR_INVALID_PARAM;
+    }
+    if (info->aviParser) {
+        AVI_FRAME_INFO f{};
+        f.data = info->frameBuffer;
+        f.capacity = kFileFrameBufferSize;
+        // The read modes are numbered alike in both readers.
+        uint32_t err = AVI_GetOneFrameData(info->aviParser, File_ParserReadMode(readMode), &f);
+        if (err != KORVALEN_OK) {
+            if (err != KORVALEN_ERR_FILE_END) {
+                FILE_LOG(KORVALEN_LOG_ERROR, "File_ReadOneFrame fail, AVI_GetOneFrameData fail, error(%d)", err);
+            }
+            return err;
+        }
+        frame->data = f.data;
+        frame->length = f.length;
+        frame->payloadType = f.payloadType;
+        frame->frameType = f.frameType;
+        frame->timeStamp = f.timeStamp;
+        return KORVALEN_OK;
     }
     if (!info->mp4Parser) {
         return File_ReadTsFrame(info, frame, readMode);
@@ -243,6 +285,9 @@ uint32_t File_SetPlayTime(FileParserInfo* info, uint32_t seconds, uint32_t frame
         }
         return err;
     }
+    if (info->aviParser) {
+        return AVI_SetPlayTime(info->aviParser, seconds, framesPerSecond);
+    }
     return File_SeekTs(info, seconds);
 }
 
@@ -257,6 +302,9 @@ uint32_t File_GetPlayTime(FileParserInfo* info, uint32_t* seconds)
             FILE_LOG(KORVALEN_LOG_ERROR, "File_GetPlayTime fail, MP4_GetPlayTime fail, error(%d)", err);
         }
         return err;
+    }
+    if (info->aviParser) {
+        return AVI_GetCurSampleIndex(info->aviParser, seconds);
     }
     const uint64_t ts = info->tsFrame.timestamp;
     *seconds = ts > info->startTime ? static_cast<uint32_t>((ts - info->startTime) / 90000) : 0;

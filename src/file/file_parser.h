@@ -20,7 +20,7 @@ constexpr uint32_t kFileTsBufferSize = 0x200000;
 constexpr uint32_t kFileTsAudioBufferSize = 0x10000;
 constexpr uint32_t kFileTsReadPackets = 64; // packets read from the file per chunk
 
-struct AviParser;  // AVI reader, not built yet
+struct AVI_FILE;   // AVI reader (avi/avi.h)
 struct TolkParser; // own record format reader, not built yet
 
 struct FileParserInfo {
@@ -31,7 +31,7 @@ struct FileParserInfo {
     uint64_t fileLength;
     uint32_t frameRate;
     Mp4Info* mp4Parser;
-    AviParser* aviParser;
+    AVI_FILE* aviParser;
     TolkParser* tolkParser;
     uint8_t* frameBuffer;
     uint32_t tsFrameLength; // bytes of transport packets last read

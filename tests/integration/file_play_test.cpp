@@ -90,7 +90,7 @@ struct FilePlayTest : ::testing::Test {
 
 TEST_F(FilePlayTest, PlaysPictureForPictureAndReportsTheEndOnce)
 {
-    for (const char* name : {"file_h264_mp2.mp4", "file_hevc_aac.ts"}) {
+    for (const char* name : {"file_h264_mp2.mp4", "file_hevc_aac.ts", "file_h264_mp2.avi"}) {
         SCOPED_TRACE(name);
         std::string path = FixturePath(name);
         REQUIRE_FIXTURE(path);
