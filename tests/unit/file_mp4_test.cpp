@@ -278,9 +278,16 @@ TEST_F(Mp4Test, ContainerIsFoundByContentNotName)
 
     const std::string text = "just some text, no media here\n";
     EXPECT_EQ(Open(SaveScratch("notes.mp4", Bytes(text.begin(), text.end()))), 7u);
+    // An AVI signature goes to the AVI reader, which finds no playable
+    // structure behind it: the open error of an unreadable container.
     Bytes avi = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'A', 'V', 'I', ' ', 'L', 'I', 'S', 'T'};
     avi.resize(4096);
-    EXPECT_EQ(Open(SaveScratch("clip.avi", avi)), 7u); // no AVI reader in this build
+    {
+        LogCapture aviLog;
+        EXPECT_EQ(Open(SaveScratch("clip.avi", avi)), KORVALEN_ERR_INVALID_PARAM);
+        EXPECT_TRUE(aviLog.Has("File_CreateFileParser fail, AVI_CreateAviParser fail"));
+        EXPECT_EQ(info.aviParser, nullptr);
+    }
     Bytes junk = LoadFile(ts);
     junk.insert(junk.begin(), 0x00); // packets no longer at 0 and 188
     EXPECT_EQ(Open(SaveScratch("junk.ts", junk)), 7u);
