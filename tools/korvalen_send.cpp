@@ -65,6 +65,7 @@ struct Track {
     int input = -1;
     uint8_t channel = 0; // TCP interleave channel of the RTP packets
     int64_t frames = 0;  // for inputs without time stamps
+    bool headerWritten = false;
 };
 
 struct Sender {
@@ -205,12 +206,16 @@ bool OpenTrack(Sender* s, AVStream* in, Track* t)
     auto* buf = static_cast<uint8_t*>(av_malloc(4096));
     t->mux->pb = avio_alloc_context(buf, 4096, 1, t, nullptr, &OnPacket, nullptr);
     t->mux->pb->max_packet_size = 1400;
-    return avformat_write_header(t->mux, nullptr) >= 0;
+    t->headerWritten = avformat_write_header(t->mux, nullptr) >= 0;
+    return t->headerWritten;
 }
 
 void CloseTrack(Track* t)
 {
     if (t->mux) {
+        if (t->headerWritten) {
+            av_write_trailer(t->mux); // frees the muxer's packet buffer
+        }
         if (t->mux->pb) {
             av_freep(&t->mux->pb->buffer);
             avio_context_free(&t->mux->pb);

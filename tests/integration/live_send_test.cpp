@@ -166,7 +166,8 @@ TEST_P(LiveSendTransport, CleanNetworkDeliversEveryFrameAndTrueStatistics)
     EXPECT_EQ(height, 240u);
     // The sender's bytes over the time it took to send them (three seconds
     // of stream, longer on a loaded machine), as a bit rate.
-    size_t open = out.find('('), in = out.find(") in ");
+    size_t line = out.find("sent ");
+    size_t open = out.find('(', line), in = out.find(") in ", line);
     ASSERT_NE(open, std::string::npos) << out;
     ASSERT_NE(in, std::string::npos) << out;
     double sent = std::stod(out.substr(open + 1)) / std::stod(out.substr(in + 5));
