@@ -123,7 +123,7 @@ uint32_t ParseRaw(const uint8_t* data, uint32_t length, PortRecord* rec, uint32_
                 Publish(st, data, length, 0, KORVALEN_CODEC_H264, 0);
                 uint32_t w = 0, h = 0, fps = 0;
                 CODE_ProbeH264Sps(data, length, &w, &h, &fps);
-                st.frameRate = fps >= 1 ? fps : 25;
+                st.frameRate = fps >= 1 && fps <= 120 ? fps : 25; // a stream's own claim, within reason
                 rec->frameInterval = 1000 / st.frameRate;
                 return KORVALEN_OK;
             }
@@ -245,6 +245,9 @@ uint32_t Player_StatisticsTimestamp(PortRecord* rec)
     // are disturbances and keep the rate there was.
     if (interval > 500 && interval != 1000) {
         interval = st.frameRate ? 1000 / st.frameRate : 40;
+    }
+    if (interval == 0) {
+        interval = 40; // a rate above 1000 fps is no rate at all
     }
     rec->frameInterval = interval;
     st.frameRate = 1000 / interval;
