@@ -21,23 +21,11 @@
 #include "korvalen.h"
 #include "log_capture.h"
 #include "platform/qmx_heap.h"
+#include "test_env.h"
 
 namespace {
 
 const std::string kSender = KORVALEN_TOOLS_DIR "/korvalen-send";
-
-uint16_t FreePort(int type)
-{
-    int fd = socket(AF_INET, type, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
-}
 
 // korvalen-send in the background; Finish() returns what it printed.
 struct Sender {
@@ -105,7 +93,7 @@ struct LiveSendTest : ::testing::Test {
     // sender listens.
     void Play(bool tcp, const std::string& faults, Sender* sender)
     {
-        uint16_t net = FreePort(tcp ? SOCK_STREAM : SOCK_DGRAM);
+        uint16_t net = FreeLoopbackPort(tcp ? SOCK_STREAM : SOCK_DGRAM);
         std::string url = std::string(tcp ? "tcp" : "udp") + "://127.0.0.1:" + std::to_string(net);
         if (!tcp) {
             ASSERT_EQ(Korvalen_OpenNetStream(port, "127.0.0.1", net, "127.0.0.1", 0, 0), 1);
@@ -255,7 +243,7 @@ int DecodeWithSlowConsumer(uint32_t ctrl, const std::string& file, bool* sawFull
     EXPECT_EQ(Korvalen_SetBufferCtrl(port, ctrl), 1);
     SlowConsumer slow;
     EXPECT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &SlowConsumer::OnDecoded, 1, &slow), 1);
-    uint16_t net = FreePort(SOCK_STREAM);
+    uint16_t net = FreeLoopbackPort(SOCK_STREAM);
     Sender sender;
     // Twelve loops of the file, as fast as TCP takes them: far more packets
     // than the 1000-slot buffer holds while the consumer sleeps.
@@ -302,7 +290,7 @@ TEST(LiveTeardown, PortsOpenedAndClosedWhilePacketsFlow)
     const std::string file = FixturePath("live_h264_g711.mkv");
     REQUIRE_FIXTURE(file);
     ASSERT_EQ(Korvalen_Init(), 1);
-    uint16_t net = FreePort(SOCK_DGRAM);
+    uint16_t net = FreeLoopbackPort(SOCK_DGRAM);
     // One stream of packets into a shared UDP port number: whichever port is
     // open on it at the moment receives them.
     pid_t pid = fork();
@@ -371,7 +359,7 @@ TEST(LiveEndOfStream, EmptyDatagramReportsTheEnd)
     }
     uint32_t port = 0;
     ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-    uint16_t net = FreePort(SOCK_DGRAM);
+    uint16_t net = FreeLoopbackPort(SOCK_DGRAM);
     ASSERT_EQ(Korvalen_OpenNetStream(port, "127.0.0.1", net, "127.0.0.1", 0, 0), 1);
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in to{};

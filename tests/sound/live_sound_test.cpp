@@ -20,19 +20,6 @@
 
 namespace {
 
-uint16_t FreeUdpPort()
-{
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
-}
-
 } // namespace
 
 TEST(LiveSound, ToneFromTheNetworkReachesTheSink)
@@ -46,7 +33,7 @@ TEST(LiveSound, ToneFromTheNetworkReachesTheSink)
     ASSERT_EQ(Korvalen_Init(), 1);
     uint32_t port = 0;
     ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-    uint16_t net = FreeUdpPort();
+    uint16_t net = FreeLoopbackPort(SOCK_DGRAM);
     ASSERT_EQ(Korvalen_OpenNetStream(port, "127.0.0.1", net, "127.0.0.1", 0, 0), 1);
     ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
     ASSERT_EQ(Korvalen_OpenSound(port), 1);

@@ -2,6 +2,7 @@
 // parallel test processes never meet.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 // The HOME folder of this test process.
@@ -13,3 +14,6 @@ std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
 // Removes a folder tree (test scratch only).
 void RemoveTree(const std::string& path);
+// A loopback port number nobody uses right now (type: SOCK_DGRAM or
+// SOCK_STREAM).
+uint16_t FreeLoopbackPort(int type);
