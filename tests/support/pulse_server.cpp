@@ -140,7 +140,13 @@ void PulseServer::Kill()
 
 struct SinkRecorder::State {
     pa_simple* conn = nullptr;
-    std::atomic<bool> stop{false};
+    std::chrono::steady_clock::time_point started;
+    // Samples the server has made by the time of Stop(): the reader takes
+    // them all, even when it runs behind on a busy machine (whatever is
+    // still queued in the server is lost when the stream is freed).
+    std::atomic<size_t> wanted{SIZE_MAX};
+    std::atomic<size_t> recorded{0};
+    std::atomic<size_t> heard{0};
     std::vector<int16_t> samples;
     std::thread thread;
 };
@@ -164,11 +170,15 @@ bool SinkRecorder::Start()
     }
     m_state = new State;
     m_state->conn = conn;
+    m_state->started = std::chrono::steady_clock::now();
     m_state->thread = std::thread([st = m_state] {
         int16_t buf[960];
         int e = 0;
-        while (!st->stop && pa_simple_read(st->conn, buf, sizeof buf, &e) == 0) {
+        while (st->samples.size() < st->wanted && pa_simple_read(st->conn, buf, sizeof buf, &e) == 0) {
             st->samples.insert(st->samples.end(), buf, buf + 960);
+            st->heard +=
+                static_cast<size_t>(std::count_if(buf, buf + 960, [](int16_t v) { return v > 200 || v < -200; }));
+            st->recorded = st->samples.size();
         }
     });
     return true;
@@ -180,13 +190,26 @@ std::vector<int16_t> SinkRecorder::Stop()
         return {};
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the tail still in the server
-    m_state->stop = true;
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_state->started)
+                  .count();
+    // Less a little for the record stream's own start-up.
+    m_state->wanted = static_cast<size_t>(std::max<int64_t>(ms - 100, 0)) * kRate / 1000 * 2;
     m_state->thread.join();
     pa_simple_free(m_state->conn);
     std::vector<int16_t> out = std::move(m_state->samples);
     delete m_state;
     m_state = nullptr;
     return out;
+}
+
+size_t SinkRecorder::Recorded() const
+{
+    return m_state ? m_state->recorded.load() : 0;
+}
+
+size_t SinkRecorder::Heard() const
+{
+    return m_state ? m_state->heard.load() : 0;
 }
 
 ChannelLevels LoudestRms(const std::vector<int16_t>& s)

@@ -30,6 +30,9 @@ public:
     bool Start();
     // Stops and returns the samples, interleaved left/right.
     std::vector<int16_t> Stop();
+    // Samples taken so far, and how many of them carried sound.
+    size_t Recorded() const;
+    size_t Heard() const;
 
 private:
     struct State;
