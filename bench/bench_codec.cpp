@@ -109,17 +109,8 @@ int main(int argc, char** argv)
     size_t frames = 200;
     int runs = 3;
     int ports = 16;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (!std::strcmp(argv[i], "--fixtures")) {
-            dir = argv[i + 1];
-        } else if (!std::strcmp(argv[i], "--frames")) {
-            frames = std::strtoul(argv[i + 1], nullptr, 10);
-        } else if (!std::strcmp(argv[i], "--runs")) {
-            runs = std::atoi(argv[i + 1]);
-        } else if (!std::strcmp(argv[i], "--ports")) {
-            ports = std::atoi(argv[i + 1]);
-        }
-    }
+    bench::ParseFlags(argc, argv,
+                      {{"--fixtures", &dir}, {"--frames", &frames}, {"--runs", &runs}, {"--ports", &ports}});
 
     std::printf("%-14s %8s %10s %9s %10s %9s %9s %9s\n", "file", "threads", "CODE fps", "CODE cpu", "ffmpeg fps",
                 "ffm cpu", "fps ratio", "cpu ratio");

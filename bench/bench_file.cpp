@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "bench_util.h"
 #include "file/file_parser.h"
 #include "korvalen_types.h"
 #include "platform/qmx_heap.h"
@@ -25,10 +26,7 @@
 
 namespace {
 
-double Now()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+using bench::Now;
 
 bool Exists(const std::string& path)
 {
@@ -71,16 +69,7 @@ int main(int argc, char** argv)
     std::string dir = KORVALEN_FIXTURES;
     int minutes = 10;
     int seeks = 100;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string a = argv[i];
-        if (a == "--fixtures") {
-            dir = argv[i + 1];
-        } else if (a == "--minutes") {
-            minutes = std::atoi(argv[i + 1]);
-        } else if (a == "--seeks") {
-            seeks = std::atoi(argv[i + 1]);
-        }
-    }
+    bench::ParseFlags(argc, argv, {{"--fixtures", &dir}, {"--minutes", &minutes}, {"--seeks", &seeks}});
     const std::string path = MakeFile(dir, minutes);
     if (path.empty()) {
         return 1;

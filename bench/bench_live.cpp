@@ -226,17 +226,8 @@ int main(int argc, char** argv)
 {
     Setup s;
     std::string fixtures = KORVALEN_FIXTURES, tools = KORVALEN_TOOLS_DIR, list = "1,4,16,32";
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (!std::strcmp(argv[i], "--fixtures")) {
-            fixtures = argv[i + 1];
-        } else if (!std::strcmp(argv[i], "--tools")) {
-            tools = argv[i + 1];
-        } else if (!std::strcmp(argv[i], "--ports")) {
-            list = argv[i + 1];
-        } else if (!std::strcmp(argv[i], "--seconds")) {
-            s.seconds = std::atof(argv[i + 1]);
-        }
-    }
+    bench::ParseFlags(argc, argv,
+                      {{"--fixtures", &fixtures}, {"--tools", &tools}, {"--ports", &list}, {"--seconds", &s.seconds}});
     s.sample = fixtures + "/live_720p_2m.mkv";
     s.sender = tools + "/korvalen-send";
     if (access(s.sample.c_str(), R_OK) != 0 || access(s.sender.c_str(), X_OK) != 0) {

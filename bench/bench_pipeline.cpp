@@ -199,17 +199,8 @@ int main(int argc, char** argv)
     int ports = 16;
     double seconds = 8;
     size_t frames = 250;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (!std::strcmp(argv[i], "--fixtures")) {
-            dir = argv[i + 1];
-        } else if (!std::strcmp(argv[i], "--ports")) {
-            ports = std::atoi(argv[i + 1]);
-        } else if (!std::strcmp(argv[i], "--seconds")) {
-            seconds = std::atof(argv[i + 1]);
-        } else if (!std::strcmp(argv[i], "--frames")) {
-            frames = static_cast<size_t>(std::atol(argv[i + 1]));
-        }
-    }
+    bench::ParseFlags(argc, argv,
+                      {{"--fixtures", &dir}, {"--ports", &ports}, {"--seconds", &seconds}, {"--frames", &frames}});
     av_log_set_level(AV_LOG_ERROR);
     Throughput(dir + "/bench_1080p.h264", frames);
     RealTime(dir + "/bench_720p.h264", ports, seconds);

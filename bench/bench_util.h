@@ -8,7 +8,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <string>
+#include <type_traits>
+#include <variant>
 #include <vector>
 
 extern "C" {
@@ -16,6 +21,38 @@ extern "C" {
 }
 
 namespace bench {
+
+// One "--name value" option and where its value goes.
+struct Flag {
+    const char* name;
+    std::variant<std::string*, int*, double*, size_t*> to;
+};
+
+// Reads "--name value" pairs into the flags' variables; other words are left.
+inline void ParseFlags(int argc, char** argv, std::initializer_list<Flag> flags)
+{
+    for (int i = 1; i + 1 < argc; ++i) {
+        for (const Flag& f : flags) {
+            if (std::strcmp(argv[i], f.name) != 0) {
+                continue;
+            }
+            const char* v = argv[++i];
+            std::visit(
+                [v](auto* to) {
+                    using T = std::remove_pointer_t<decltype(to)>;
+                    if constexpr (std::is_same_v<T, std::string>) {
+                        *to = v;
+                    } else if constexpr (std::is_same_v<T, double>) {
+                        *to = std::atof(v);
+                    } else {
+                        *to = static_cast<T>(std::strtoll(v, nullptr, 10));
+                    }
+                },
+                f.to);
+            break;
+        }
+    }
+}
 
 using Packets = std::vector<std::vector<uint8_t>>;
 

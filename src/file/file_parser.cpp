@@ -229,29 +229,40 @@ uint32_t File_GetFileProperty(FileParserInfo* info)
     return KORVALEN_OK;
 }
 
+namespace {
+
+// Hands a frame from either container reader over in the common form.
+template <typename Frame>
+uint32_t TakeFrame(uint32_t err, const char* reader, uint8_t* data, const Frame& f, FileFrameInfo* frame)
+{
+    if (err != KORVALEN_OK) {
+        if (err != KORVALEN_ERR_FILE_END) {
+            FILE_LOG(KORVALEN_LOG_ERROR, "File_ReadOneFrame fail, %s fail, error(%d)", reader, err);
+        }
+        return err;
+    }
+    frame->data = data;
+    frame->length = f.length;
+    frame->payloadType = f.payloadType;
+    frame->frameType = f.frameType;
+    frame->timeStamp = f.timeStamp;
+    return KORVALEN_OK;
+}
+
+} // namespace
+
 uint32_t File_ReadOneFrame(FileParserInfo* info, FileFrameInfo* frame, uint32_t readMode)
 {
     if (!info || !frame || !info->file) {
         return KORVALEN_ERR_INVALID_PARAM;
     }
+    // The read modes are numbered alike in both readers.
     if (info->aviParser) {
         AVI_FRAME_INFO f{};
         f.data = info->frameBuffer;
         f.capacity = kFileFrameBufferSize;
-        // The read modes are numbered alike in both readers.
         uint32_t err = AVI_GetOneFrameData(info->aviParser, File_ParserReadMode(readMode), &f);
-        if (err != KORVALEN_OK) {
-            if (err != KORVALEN_ERR_FILE_END) {
-                FILE_LOG(KORVALEN_LOG_ERROR, "File_ReadOneFrame fail, AVI_GetOneFrameData fail, error(%d)", err);
-            }
-            return err;
-        }
-        frame->data = f.data;
-        frame->length = f.length;
-        frame->payloadType = f.payloadType;
-        frame->frameType = f.frameType;
-        frame->timeStamp = f.timeStamp;
-        return KORVALEN_OK;
+        return TakeFrame(err, "AVI_GetOneFrameData", f.data, f, frame);
     }
     if (!info->mp4Parser) {
         return File_ReadTsFrame(info, frame, readMode);
@@ -259,18 +270,7 @@ uint32_t File_ReadOneFrame(FileParserInfo* info, FileFrameInfo* frame, uint32_t 
     Mp4Frame f;
     f.buffer = info->frameBuffer;
     uint32_t err = MP4_GetOneFrameData(info->file, info->mp4Parser, File_ParserReadMode(readMode), &f);
-    if (err != KORVALEN_OK) {
-        if (err != KORVALEN_ERR_FILE_END) {
-            FILE_LOG(KORVALEN_LOG_ERROR, "File_ReadOneFrame fail, MP4_GetOneFrameData fail, error(%d)", err);
-        }
-        return err;
-    }
-    frame->data = f.buffer;
-    frame->length = f.length;
-    frame->payloadType = f.payloadType;
-    frame->frameType = f.frameType;
-    frame->timeStamp = f.timeStamp;
-    return KORVALEN_OK;
+    return TakeFrame(err, "MP4_GetOneFrameData", f.buffer, f, frame);
 }
 
 uint32_t File_SetPlayTime(FileParserInfo* info, uint32_t seconds, uint32_t framesPerSecond)

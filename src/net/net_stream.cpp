@@ -205,44 +205,36 @@ uint32_t Player_CloseNetStream(uint32_t port)
 
 uint32_t Player_SetNatParam(uint32_t port, uint32_t natMode, const char* session)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    NET_SetNatParam(natMode, session ? session : "", &rec->net.nat);
-    rec->net.natPending = natMode == 1 ? 1 : 0;
-    return KORVALEN_OK;
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        NET_SetNatParam(natMode, session ? session : "", &rec.net.nat);
+        rec.net.natPending = natMode == 1 ? 1 : 0;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t* lost, uint32_t* total)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    *lost = rec->net.loss.lostTotal;
-    *total = rec->net.loss.recvTotal;
-    return KORVALEN_OK;
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        *lost = rec.net.loss.lostTotal;
+        *total = rec.net.loss.recvTotal;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_ResetLostPacketRate(uint32_t port)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    NET_ResetLostPacket(&rec->net.loss);
-    return KORVALEN_OK;
+    return Player_OnPort(port, [](PortRecord& rec) {
+        NET_ResetLostPacket(&rec.net.loss);
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_GetBitRate(uint32_t port, uint32_t* bitRate)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    *bitRate = rec->net.bitrate.average;
-    return KORVALEN_OK;
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        *bitRate = rec.net.bitrate.average;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t* rtpPort, uint32_t* rtcpPort)

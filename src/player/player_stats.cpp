@@ -4,33 +4,27 @@
 
 uint32_t Player_GetFrameRate(uint32_t port, uint32_t* frameRate)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    const PortPlayback& pb = rec->playback;
-    *frameRate = rec->sourceKind == SOURCE_MEDIA_FILE ? pb.fileFrameRate.load() : pb.frameRate.load();
-    return KORVALEN_OK;
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        const PortPlayback& pb = rec.playback;
+        *frameRate = rec.sourceKind == SOURCE_MEDIA_FILE ? pb.fileFrameRate.load() : pb.frameRate.load();
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_GetPictureSize(uint32_t port, uint32_t* width, uint32_t* height)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    *width = rec->playback.pictureWidth;
-    *height = rec->playback.pictureHeight;
-    return KORVALEN_OK;
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        *width = rec.playback.pictureWidth;
+        *height = rec.playback.pictureHeight;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_GetEncodeType(uint32_t port, uint32_t* videoType, uint32_t* audioType)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    *videoType = rec->playback.videoCodec;
-    *audioType = rec->playback.audioCodec;
-    return KORVALEN_OK;
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        *videoType = rec.playback.videoCodec;
+        *audioType = rec.playback.audioCodec;
+        return KORVALEN_OK;
+    });
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "korvalen_types.h"
 #include "player/port.h"
 
 uint32_t Player_Startup();
@@ -14,6 +15,13 @@ uint32_t Player_AllocPort(uint32_t* port);
 void Player_FreePort(uint32_t port);
 // The record, or null (also for numbers of 256 and more). Takes no lock.
 PortRecord* Player_GetPort(uint32_t port);
+
+// Runs f on the port's record; a port without one answers KORVALEN_ERR_PORT.
+template <typename F> uint32_t Player_OnPort(uint32_t port, F&& f)
+{
+    PortRecord* rec = Player_GetPort(port);
+    return rec ? f(*rec) : KORVALEN_ERR_PORT;
+}
 
 // Allocated ports playing a source (input, network, file or HLS).
 uint32_t Player_ActivePortCount();
