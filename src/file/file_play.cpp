@@ -183,6 +183,7 @@ void FilePlayThread(PortRecord* rec)
             KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Start __FilePayThreadEntry thread info, file read end", port);
             pf.frameCtrl = 0;
             pf.stepDone = 1;
+            Stream_DrainVideo(rec);
             SendEnd(rec);
             continue;
         }

@@ -19,6 +19,7 @@
 namespace {
 
 constexpr uint32_t kIdleSleepMs = 5;
+constexpr uint32_t kMaxDrainedPictures = 32; // more than any decoder holds back
 
 bool IsVideo(uint32_t codec)
 {
@@ -161,6 +162,8 @@ uint32_t RetryOnSoftware(PortRecord* rec, const CODE_INPUT* in)
     return err;
 }
 
+void TakeVideoPicture(PortRecord* rec);
+
 void DecodeVideo(PortRecord* rec)
 {
     PortStream& st = rec->stream;
@@ -192,6 +195,12 @@ void DecodeVideo(PortRecord* rec)
                      st.decodeFailures);
         return;
     }
+    TakeVideoPicture(rec);
+}
+
+void TakeVideoPicture(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
     ++st.decodedFrames;
     // A GPU picture is copied out as I420 for the queues and callbacks.
     CODE_OUTPUT gpuOut;
@@ -359,6 +368,19 @@ void DecodeThread(PortRecord* rec)
 }
 
 } // namespace
+
+void Stream_DrainVideo(PortRecord* rec)
+{
+    PortStream& st = rec->stream;
+    for (uint32_t i = 0; st.videoOpen && i < kMaxDrainedPictures; ++i) {
+        CODE_INPUT in{};
+        in.flags = CODE_FLAG_DRAIN;
+        if (CODE_Decoder(&st.video, &in, &st.videoOut) != KORVALEN_OK) {
+            break;
+        }
+        TakeVideoPicture(rec);
+    }
+}
 
 void Stream_HandleFrame(PortRecord* rec)
 {

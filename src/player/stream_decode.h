@@ -33,5 +33,9 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
 // display and sound, as the decode thread does for each parsed frame.
 void Stream_HandleFrame(PortRecord* rec);
 
+// At the end of a source: shows the pictures the video decoder still holds
+// (those waiting behind B-frames), as decoded ones are.
+void Stream_DrainVideo(PortRecord* rec);
+
 // Frame rate and interval after each frame.
 uint32_t Player_StatisticsTimestamp(PortRecord* rec);

@@ -90,7 +90,8 @@ struct FilePlayTest : ::testing::Test {
 
 TEST_F(FilePlayTest, PlaysPictureForPictureAndReportsTheEndOnce)
 {
-    for (const char* name : {"file_h264_mp2.mp4", "file_hevc_aac.ts", "file_h264_mp2.avi"}) {
+    for (const char* name :
+         {"file_h264_mp2.mp4", "file_hevc_aac.ts", "file_h264_mp2.avi", "file_h264_b_faststart.mp4"}) {
         SCOPED_TRACE(name);
         std::string path = FixturePath(name);
         REQUIRE_FIXTURE(path);
