@@ -131,7 +131,7 @@ void RenderThread(PortRecord* rec)
             } else {
                 int32_t wait =
                     Player_RenderWaitMs(fluency, RenderInterval(rec), elapsed, rec->packetBuffer.frameCount.load(),
-                                        pb.pictureBuffers, pb.frameRate, QUEUE_PictureCount(&pb.decoded));
+                                        pb.pictureBuffers, pb.frameRate, QUEUE_PictureCount(&pb.offscreen));
                 if (wait > 0) {
                     PLAT_SleepMs(static_cast<uint32_t>(wait));
                 }
