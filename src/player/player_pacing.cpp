@@ -65,8 +65,8 @@ int32_t Player_RenderWaitMs(uint32_t fluency, uint32_t intervalMs, int32_t elaps
     if (fluency == FLUENCY_LOW_DELAY) {
         t /= 2;
     }
-    if (fluency == FLUENCY_LOW_DELAY && picturesQueued > 0) {
-        return 0; // low delay: a picture goes out as soon as it is decoded; the decode side paces
+    if (fluency == FLUENCY_LOW_DELAY) {
+        return 0; // a picture goes out as soon as it is decoded; the decode side paces
     }
     int32_t wait = static_cast<int32_t>(intervalMs) - elapsedMs;
     if (fluency == FLUENCY_SMOOTH) {

@@ -18,9 +18,10 @@ int32_t Player_DecodeWaitMs(uint32_t fluency, uint32_t frameInterval, int32_t el
                             uint32_t pictureBuffers, uint32_t frameRate, bool skipWait);
 
 // The render-side wait in modes 1, 3 and 4: interval minus the time since the
-// last picture, with the smooth mode's pacing; in modes 1 and 3 a back-off
+// last picture, with the smooth mode's pacing; in mode 1 a back-off
 // when no picture is queued and no wait at all when more than one is (the
-// renderer catches up instead of running a picture late for good). In mode 3
-// a queued picture goes out at once: the decode-side wait already paces.
+// renderer catches up instead of running a picture late for good). Mode 3
+// does not wait: the renderer shows each picture as soon as it is decoded,
+// and the decode-side wait paces.
 int32_t Player_RenderWaitMs(uint32_t fluency, uint32_t intervalMs, int32_t elapsedMs, uint32_t framesWaiting,
                             uint32_t pictureBuffers, uint32_t frameRate, uint32_t picturesQueued);

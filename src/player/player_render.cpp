@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint32_t kIdleSleepMs = 5;
 constexpr uint32_t kNoPictureSleepMs = 2;
+constexpr uint32_t kPictureWaitMs = 20; // a new picture ends the wait at once
 constexpr uint32_t kFirstFrameSleepMs = 10;
 constexpr uint32_t kIntervalCap = 60;
 constexpr uint32_t kMinInterval = 5;
@@ -52,7 +53,7 @@ bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
         return false;
     }
     if (QUEUE_GetDecodeData(&pb.offscreen, held) != KORVALEN_OK) {
-        PLAT_SleepMs(kNoPictureSleepMs);
+        QUEUE_WaitPicture(&pb.offscreen, kPictureWaitMs);
         return false;
     }
     if (!*held) {

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr uint32_t kIdleSleepMs = 5;
+constexpr uint32_t kIdleWaitMs = 20;         // new data ends the wait at once
 constexpr uint32_t kMaxDrainedPictures = 32; // more than any decoder holds back
 
 bool IsVideo(uint32_t codec)
@@ -346,7 +346,7 @@ void DecodeThread(PortRecord* rec)
         uint8_t* data = nullptr;
         uint32_t length = 0;
         if (QUEUE_GetPacketEx(&rec->packetBuffer, &data, &length, &st.payloads) != KORVALEN_OK) {
-            PLAT_SleepMs(kIdleSleepMs);
+            QUEUE_WaitPacket(&rec->packetBuffer, kIdleWaitMs);
             continue;
         }
         NET_CountRecvPacket(&rec->net.loss);

@@ -1,5 +1,6 @@
 #include "queue/queue_packet.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "korvalen_types.h"
@@ -130,6 +131,7 @@ uint32_t AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFFER* q,
         q->frameCount.fetch_add(1, std::memory_order_relaxed);
     }
     q->writeIndex.store(idx, std::memory_order_release);
+    q->added.notify_one();
     return KORVALEN_OK;
 }
 
@@ -191,6 +193,22 @@ uint32_t QUEUE_GetPacket(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* lengt
         *length = total;
     }
     return KORVALEN_OK;
+}
+
+bool QUEUE_WaitPacket(QUEUE_PACKET_BUFFER* q, uint32_t ms)
+{
+    if (!q || q->slotCount == 0) {
+        return false;
+    }
+    auto waiting = [q] {
+        uint32_t r = q->readIndex.load(std::memory_order_acquire);
+        if (q->heldSlots) {
+            r = r + 1 == q->slotCount ? 0 : r + 1;
+        }
+        return r != q->writeIndex.load(std::memory_order_acquire);
+    };
+    std::unique_lock<std::mutex> lock(q->lock);
+    return q->added.wait_for(lock, std::chrono::milliseconds(ms), waiting);
 }
 
 uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q)

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
@@ -20,8 +21,9 @@ struct QUEUE_PACKET_BUFFER {
     uint32_t fullCount = 0;              // refused adds, thins out the "full" log
     std::atomic<uint32_t> frameCount{0}; // whole video frames waiting
     uint32_t readBufSize = 0;
-    uint32_t heldSlots = 0; // reader: slot handed out in place, freed at the next get
-    std::mutex lock;        // serialises writers
+    uint32_t heldSlots = 0;        // reader: slot handed out in place, freed at the next get
+    std::mutex lock;               // serialises writers
+    std::condition_variable added; // a reader with nothing to do waits here
 };
 
 // Allocates the ring and the 10240-byte read buffer. 0, or 3 on no memory.
@@ -50,6 +52,10 @@ uint32_t QUEUE_GetPacketEx(QUEUE_PACKET_BUFFER* q, uint8_t** data, uint32_t* len
 
 // True for a packet that ends a video frame, by the rule above.
 bool QUEUE_IsFrameEndPacket(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads);
+
+// Waits up to ms for a packet beyond the one handed out last, so an idle
+// reader sleeps until data comes instead of polling. True when one is there.
+bool QUEUE_WaitPacket(QUEUE_PACKET_BUFFER* q, uint32_t ms);
 
 // Occupied slots, (write - read + count) mod count.
 uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q);

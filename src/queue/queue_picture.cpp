@@ -1,5 +1,6 @@
 #include "queue/queue_picture.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "korvalen_types.h"
@@ -231,7 +232,19 @@ uint32_t QUEUE_AddDecodeData(const QUEUE_PICTURE* pic, QUEUE_PICTURE_QUEUE* q)
         q->write = node->next;
     }
     q->hasPicture = 1;
+    q->added.notify_one();
     return KORVALEN_OK;
+}
+
+bool QUEUE_WaitPicture(QUEUE_PICTURE_QUEUE* q, uint32_t ms)
+{
+    if (!q) {
+        return false;
+    }
+    std::unique_lock<std::mutex> lock(q->lock);
+    return q->added.wait_for(lock, std::chrono::milliseconds(ms), [q] {
+        return q->nodes && (q->nodeCount == 1 ? q->nodes->buffer != nullptr : q->read != q->write);
+    });
 }
 
 uint32_t QUEUE_GetDecodeData(QUEUE_PICTURE_QUEUE* q, QUEUE_PICTURE_NODE** node)

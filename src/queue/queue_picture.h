@@ -4,6 +4,7 @@
 // picture is dropped instead.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
@@ -48,6 +49,7 @@ struct QUEUE_PICTURE_QUEUE {
     uint32_t hasPicture = 0;
     uint32_t dropped = 0; // unread pictures given up for newer ones
     std::mutex lock;
+    std::condition_variable added; // the renderer waits here for a picture
 };
 
 // Decoded-picture queue: node count nodes, the first holding an 800 x 600
@@ -65,6 +67,10 @@ uint32_t QUEUE_AddDecodeData(const QUEUE_PICTURE* picture, QUEUE_PICTURE_QUEUE* 
 // (null at first); on success it is released and *node becomes the new one,
 // held until the next successful call. 0, or 261 with *node unchanged.
 uint32_t QUEUE_GetDecodeData(QUEUE_PICTURE_QUEUE* q, QUEUE_PICTURE_NODE** node);
+
+// Waits up to ms for a picture to take, so the renderer sleeps until one is
+// decoded instead of polling. True when there is one.
+bool QUEUE_WaitPicture(QUEUE_PICTURE_QUEUE* q, uint32_t ms);
 
 // Pictures written and not yet taken.
 uint32_t QUEUE_PictureCount(QUEUE_PICTURE_QUEUE* q);
