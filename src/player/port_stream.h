@@ -35,6 +35,7 @@ struct StreamFrame {
 struct PortStream {
     uint32_t inputOpen = 0;
     std::atomic<uint32_t> decodeRunning{0};
+    std::atomic<uint32_t> drainRequest{0}; // the source has ended: drain once all is decoded
     std::thread decodeThread;
     uint8_t* frameBuffer = nullptr;
     uint8_t* audioBuffer = nullptr;

@@ -346,7 +346,11 @@ void DecodeThread(PortRecord* rec)
         uint8_t* data = nullptr;
         uint32_t length = 0;
         if (QUEUE_GetPacketEx(&rec->packetBuffer, &data, &length, &st.payloads) != KORVALEN_OK) {
-            QUEUE_WaitPacket(&rec->packetBuffer, kIdleWaitMs);
+            if (st.drainRequest.exchange(0)) {
+                Stream_DrainVideo(rec); // everything the source gave is decoded
+            } else {
+                QUEUE_WaitPacket(&rec->packetBuffer, kIdleWaitMs);
+            }
             continue;
         }
         NET_CountRecvPacket(&rec->net.loss);
