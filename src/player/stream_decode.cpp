@@ -420,6 +420,7 @@ void Stream_ReleaseDecoders(PortRecord* rec)
     FreeDecoder(&st.video, &st.videoOpen);
     FreeDecoder(&st.audio, &st.audioOpen);
     st.gpuFallback = 0;
+    st.drainRequest = 0;
     st.parseMode = PARSE_NONE;
     st.headerPending = 0;
     st.hasPrevTimestamp = 0;
