@@ -10,12 +10,7 @@
 #include "platform/qmx_heap.h"
 
 namespace {
-
 struct Mp4Test : FileReaderTest {};
-
-// Decodes frames with the codec manager and returns the picture MD5s,
-// drained pictures included.
-
 } // namespace
 
 TEST_F(Mp4Test, FfmpegFilesGiveTheirLengthRateFramesAndKeyFrames)
