@@ -73,6 +73,9 @@ TEST_F(ReorderTest, GapsRepeatsWrapAndTheRingsEnd)
         Add(s);
     }
     EXPECT_EQ(Drain().size(), 10u);
+    Add(512);
+    Add(521); // one past the ring's end: what waited (512) is given up
+    EXPECT_EQ(Drain(), (Seq{{521, 0}}));
 }
 
 TEST_F(ReorderTest, RefusesWhatItCannotHold)
