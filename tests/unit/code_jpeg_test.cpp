@@ -131,7 +131,6 @@ TEST(JpegEncode, RoundTripWithinPsnrBound)
     CODE_HANDLE enc{}, dec{};
     ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_MJPEG, nullptr, &enc), KORVALEN_OK);
     EXPECT_TRUE(log.Has("dsp jpeg encoder verion:"));
-    EXPECT_EQ(enc.workSize, 0x800000u);
     ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_MJPEG, nullptr, &dec), KORVALEN_OK);
     for (auto [file, type] : {std::pair{small, KORVALEN_CODEC_H264}, std::pair{large, KORVALEN_CODEC_H265}}) {
         Picture pic = FirstPicture(file.substr(file.rfind('/') + 1), type);

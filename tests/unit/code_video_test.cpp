@@ -127,6 +127,9 @@ TEST_P(VideoDecode, PicturesMatchFfmpeg)
     EXPECT_EQ(h.height, s.height);
     DecodeRun run = DecodeAll(h, packets);
     EXPECT_EQ(run.shown, ref);
+    if (s.width == 1280) {
+        EXPECT_EQ(run.results[0], KORVALEN_ERR_DECODE_NO_OUTPUT) << "frame threads hold the first picture";
+    }
     for (auto sz : run.sizes) {
         EXPECT_EQ(sz, std::make_pair(s.width, s.height));
     }
@@ -160,26 +163,11 @@ TEST(VideoDecodeFormats, OtherLayoutsBecome420)
         auto packets = ReadPackets(path);
         auto ref = FfmpegFrameMd5(path, "", "-pix_fmt yuv420p");
         ASSERT_EQ(ref.size(), packets.size());
-        for (uint32_t deinterlace : {0u, 1u}) {
-            CODE_HANDLE h{};
-            ASSERT_EQ(CreateVideo(h, type, packets[0], 1), KORVALEN_OK);
-            CODE_OUTPUT out;
-            for (size_t i = 0; i < packets.size(); ++i) {
-                CODE_INPUT in{};
-                in.data = packets[i].data();
-                in.length = static_cast<uint32_t>(packets[i].size());
-                in.deinterlace = deinterlace;
-                ASSERT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK) << file;
-                EXPECT_EQ(out.pitches[1], 176u);
-                if (deinterlace) {
-                    EXPECT_EQ(std::memcmp(out.planes[1] + 4 * out.pitches[1], out.planes[1] + 5 * out.pitches[1], 176),
-                              0);
-                } else {
-                    EXPECT_EQ(PictureMd5(out), ref[i]) << file << " picture " << i;
-                }
-            }
-            CODE_FreeCode(&h);
-        }
+        CODE_HANDLE h{};
+        ASSERT_EQ(CreateVideo(h, type, packets[0], 1), KORVALEN_OK);
+        DecodeRun run = DecodeAll(h, packets);
+        CODE_FreeCode(&h);
+        EXPECT_EQ(run.shown, ref) << file;
     }
 }
 
@@ -192,20 +180,12 @@ TEST(VideoDecodeLowDelay, FirstPictureAfterFirstFrame)
         std::string path = FixturePath(file);
         REQUIRE_FIXTURE(path);
         auto packets = ReadPackets(path);
-        auto ref = FfmpegFrameMd5(path);
-        for (uint32_t lowDelay : {1u, 0u}) {
-            CODE_HANDLE h{};
-            ASSERT_EQ(CreateVideo(h, type, packets[0], lowDelay), KORVALEN_OK);
-            EXPECT_EQ(h.lowDelay, lowDelay);
-            DecodeRun run = DecodeAll(h, packets);
-            CODE_FreeCode(&h);
-            EXPECT_EQ(run.shown, ref) << file;
-            if (lowDelay) {
-                EXPECT_EQ(run.results, std::vector<uint32_t>(packets.size(), KORVALEN_OK)) << file;
-            } else {
-                EXPECT_EQ(run.results[0], KORVALEN_ERR_DECODE_NO_OUTPUT) << file << ": threads hold the first picture";
-            }
-        }
+        CODE_HANDLE h{};
+        ASSERT_EQ(CreateVideo(h, type, packets[0], 1), KORVALEN_OK);
+        DecodeRun run = DecodeAll(h, packets);
+        CODE_FreeCode(&h);
+        EXPECT_EQ(run.shown, FfmpegFrameMd5(path)) << file;
+        EXPECT_EQ(run.results, std::vector<uint32_t>(packets.size(), KORVALEN_OK)) << file;
     }
 }
 
@@ -346,12 +326,7 @@ TEST(VideoDecodeDamage, CorruptAndTruncatedFrames)
             }
             joined.insert(joined.end(), truncated[i].begin(), truncated[i].end());
         }
-        std::string damagedPath = TestHome() + "/truncated_" + file;
-        FILE* f = fopen(damagedPath.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        fwrite(joined.data(), 1, joined.size(), f);
-        fclose(f);
-        auto damagedRef = FfmpegFrameMd5(damagedPath, "-threads 1");
+        auto damagedRef = FfmpegFrameMd5(SaveScratch(std::string("truncated_") + file, joined), "-threads 1");
 
         CODE_HANDLE h{};
         ASSERT_EQ(CreateVideo(h, type, packets[0], 0), KORVALEN_OK);
@@ -392,39 +367,42 @@ TEST(VideoDecodeDamage, CorruptAndTruncatedFrames)
     }
 }
 
-// The decoder's picture is used in place, and line doubling works on a copy:
-// the next picture, predicted from the doubled one, is still exact.
+// Line doubling works on a copy, also for pictures already converted into
+// one (4:2:2): the next picture, predicted from the doubled one, is exact.
 TEST(VideoDecodeDeinterlace, LineDoublingLeavesReferencesAlone)
 {
-    std::string path = FixturePath("h264_352x288_nob.h264");
-    REQUIRE_FIXTURE(path);
-    auto packets = ReadPackets(path);
-    auto ref = FfmpegFrameMd5(path);
-    CODE_HANDLE h{};
-    ASSERT_EQ(CreateVideo(h, KORVALEN_CODEC_H264, packets[0], 1), KORVALEN_OK);
-    CODE_OUTPUT out;
-    for (size_t i = 0; i < 3; ++i) {
-        CODE_INPUT in{};
-        in.data = packets[i].data();
-        in.length = static_cast<uint32_t>(packets[i].size());
-        in.deinterlace = i == 1 ? 1 : 0;
-        ASSERT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
-        if (i == 1) {
+    for (auto [file, type] :
+         {std::pair{"h264_352x288_nob.h264", KORVALEN_CODEC_H264}, std::pair{"h264_422.h264", KORVALEN_CODEC_H264}}) {
+        std::string path = FixturePath(file);
+        REQUIRE_FIXTURE(path);
+        auto packets = ReadPackets(path);
+        auto ref = FfmpegFrameMd5(path, "", "-pix_fmt yuv420p");
+        CODE_HANDLE h{};
+        ASSERT_EQ(CreateVideo(h, type, packets[0], 1), KORVALEN_OK);
+        CODE_OUTPUT out;
+        for (size_t i = 0; i < 3; ++i) {
+            CODE_INPUT in{};
+            in.data = packets[i].data();
+            in.length = static_cast<uint32_t>(packets[i].size());
+            in.deinterlace = i == 1 ? 1 : 0;
+            ASSERT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
+            if (i != 1) {
+                EXPECT_EQ(PictureMd5(out), ref[i]) << file;
+                continue;
+            }
             EXPECT_NE(PictureMd5(out), ref[1]);
             for (int p = 0; p < 3; ++p) {
                 uint32_t w = p ? out.width / 2 : out.width;
                 uint32_t rows = p ? out.height / 2 : out.height;
                 for (uint32_t y = 0; y + 1 < rows; y += 2) {
                     ASSERT_EQ(
-                        std::memcmp(out.planes[p] + y * out.pitches[p], out.planes[p] + (y + 1) * out.pitches[p], w),
-                        0);
+                        std::memcmp(out.planes[p] + y * out.pitches[p], out.planes[p] + (y + 1) * out.pitches[p], w), 0)
+                        << file;
                 }
             }
-        } else {
-            EXPECT_EQ(PictureMd5(out), ref[i]);
         }
+        CODE_FreeCode(&h);
     }
-    CODE_FreeCode(&h);
 }
 
 // H.265 without a readable parameter set at creation: the fallback size, then

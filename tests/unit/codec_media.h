@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -15,6 +16,7 @@ extern "C" {
 }
 
 #include "codec/code_types.h"
+#include "test_env.h"
 
 #ifndef KORVALEN_FIXTURES
 #define KORVALEN_FIXTURES "build/fixtures"
@@ -53,6 +55,15 @@ inline std::vector<Bytes> ReadPackets(const std::string& path)
     av_packet_free(&pkt);
     avformat_close_input(&fmt);
     return out;
+}
+
+// Writes bytes to a scratch file under the test's home and returns its path.
+inline std::string SaveScratch(const std::string& name, const Bytes& bytes)
+{
+    std::string path = TestHome() + "/" + name;
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return path;
 }
 
 // Standard output of a shell command.
@@ -120,13 +131,6 @@ inline std::string PictureMd5(const CODE_OUTPUT& out)
     uint8_t d[16];
     av_md5_final(md5, d);
     av_free(md5);
-    return Md5Hex(d);
-}
-
-inline std::string BytesMd5(const uint8_t* data, size_t len)
-{
-    uint8_t d[16];
-    av_md5_sum(d, data, len);
     return Md5Hex(d);
 }
 

@@ -1,3 +1,5 @@
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "display/display_geometry.h"
@@ -8,6 +10,10 @@ struct Case {
     uint32_t w, h, mode;
     DISP_RECT expect;
 };
+std::vector<int> Sides(const DISP_RECT& r)
+{
+    return {r.left, r.top, r.right, r.bottom};
+}
 } // namespace
 
 TEST(DisplayGeometry, DestinationRectangles)
@@ -36,11 +42,8 @@ TEST(DisplayGeometry, DestinationRectangles)
         {{0, 0, 640, 480}, 4096, 2160, DISP_SCALE_ASPECT, {0, 71, 640, 409}},
     };
     for (const Case& c : cases) {
-        DISP_RECT r = DISP_DestRect(c.client, c.w, c.h, c.mode);
-        EXPECT_EQ(r.left, c.expect.left) << c.w << "x" << c.h << " mode " << c.mode;
-        EXPECT_EQ(r.top, c.expect.top) << c.w << "x" << c.h << " mode " << c.mode;
-        EXPECT_EQ(r.right, c.expect.right) << c.w << "x" << c.h << " mode " << c.mode;
-        EXPECT_EQ(r.bottom, c.expect.bottom) << c.w << "x" << c.h << " mode " << c.mode;
+        EXPECT_EQ(Sides(DISP_DestRect(c.client, c.w, c.h, c.mode)), Sides(c.expect))
+            << c.w << "x" << c.h << " mode " << c.mode;
     }
     EXPECT_TRUE(DISP_DestRect({0, 0, 0, 0}, 1920, 1080, DISP_SCALE_FILL).Empty());
 }
@@ -48,20 +51,10 @@ TEST(DisplayGeometry, DestinationRectangles)
 TEST(DisplayGeometry, ZoomFieldsAndSurfaceSizes)
 {
     DISP_RECT zoom{2500, 2500, 7500, 7500};
-    DISP_RECT s = DISP_SourceRect(&zoom, 1920, 1080);
-    EXPECT_EQ(s.left, 480);
-    EXPECT_EQ(s.top, 270);
-    EXPECT_EQ(s.right, 1440);
-    EXPECT_EQ(s.bottom, 810);
-    DISP_RECT whole = DISP_SourceRect(nullptr, 352, 288);
-    EXPECT_EQ(whole.right, 352);
-    EXPECT_EQ(whole.bottom, 288);
+    EXPECT_EQ(Sides(DISP_SourceRect(&zoom, 1920, 1080)), (std::vector<int>{480, 270, 1440, 810}));
+    EXPECT_EQ(Sides(DISP_SourceRect(nullptr, 352, 288)), (std::vector<int>{0, 0, 352, 288}));
     DISP_RECT beyond{-500, 9000, 12000, 20000};
-    DISP_RECT c = DISP_SourceRect(&beyond, 100, 100);
-    EXPECT_EQ(c.left, 0);
-    EXPECT_EQ(c.top, 90);
-    EXPECT_EQ(c.right, 100);
-    EXPECT_EQ(c.bottom, 100);
+    EXPECT_EQ(Sides(DISP_SourceRect(&beyond, 100, 100)), (std::vector<int>{0, 90, 100, 100}));
     DISP_RECT flat{5000, 5000, 5000, 6000};
     EXPECT_EQ(DISP_SourceRect(&flat, 100, 100).Width(), 100) << "an empty zoom shows everything";
 

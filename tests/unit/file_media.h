@@ -66,15 +66,6 @@ inline Bytes LoadFile(const std::string& path)
     return Bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
-// Writes bytes to a scratch file under the test's home and returns its path.
-inline std::string SaveScratch(const std::string& name, const Bytes& bytes)
-{
-    std::string path = TestHome() + "/" + name;
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return path;
-}
-
 // Offset of the first occurrence of a four-character box type, or npos.
 inline size_t FindType(const Bytes& b, const char* type, size_t from = 0)
 {

@@ -10,12 +10,7 @@
 #include "platform/qmx_heap.h"
 
 namespace {
-
 struct Mp4Test : FileReaderTest {};
-
-// Decodes frames with the codec manager and returns the picture MD5s,
-// drained pictures included.
-
 } // namespace
 
 TEST_F(Mp4Test, FfmpegFilesGiveTheirLengthRateFramesAndKeyFrames)
@@ -260,24 +255,17 @@ TEST_F(Mp4Test, CutZeroedAndOversizedFilesFailCleanly)
     }
 }
 
+// Content decides, not the name (an MP4 named .ts and a text named .mp4 are
+// played through the C API in the file-play integration test).
 TEST_F(Mp4Test, ContainerIsFoundByContentNotName)
 {
-    std::string mp4 = FixturePath("file_h264_mp2.mp4");
     std::string ts = FixturePath("file_h264_mp2.ts");
-    REQUIRE_FIXTURE(mp4);
     REQUIRE_FIXTURE(ts);
-    ASSERT_EQ(Open(SaveScratch("really_mp4.ts", LoadFile(mp4))), 0u);
-    EXPECT_NE(info.mp4Parser, nullptr);
-    EXPECT_EQ(info.tsBuffer, nullptr);
-    File_DestroyFileParser(&info);
-
     ASSERT_EQ(Open(SaveScratch("really_ts.mp4", LoadFile(ts))), 0u);
     EXPECT_EQ(info.mp4Parser, nullptr);
     EXPECT_NE(info.tsBuffer, nullptr);
     File_DestroyFileParser(&info);
 
-    const std::string text = "just some text, no media here\n";
-    EXPECT_EQ(Open(SaveScratch("notes.mp4", Bytes(text.begin(), text.end()))), 7u);
     // An AVI signature goes to the AVI reader, which finds no playable
     // structure behind it: the open error of an unreadable container.
     Bytes avi = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'A', 'V', 'I', ' ', 'L', 'I', 'S', 'T'};

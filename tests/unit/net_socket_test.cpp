@@ -17,22 +17,33 @@ using namespace rtp_peer;
 
 namespace {
 
+sockaddr_storage Loopback(int family, uint16_t port, socklen_t* len)
+{
+    sockaddr_storage a{};
+    if (family == AF_INET) {
+        auto* a4 = reinterpret_cast<sockaddr_in*>(&a);
+        a4->sin_family = AF_INET;
+        a4->sin_port = htons(port);
+        a4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        *len = sizeof *a4;
+    } else {
+        auto* a6 = reinterpret_cast<sockaddr_in6*>(&a);
+        a6->sin6_family = AF_INET6;
+        a6->sin6_port = htons(port);
+        a6->sin6_addr = in6addr_loopback;
+        *len = sizeof *a6;
+    }
+    return a;
+}
+
 int Listener(int family, uint16_t* port, int backlog = 4)
 {
     int fd = socket(family, SOCK_STREAM, 0);
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_storage a{};
-    if (family == AF_INET) {
-        auto* a4 = reinterpret_cast<sockaddr_in*>(&a);
-        a4->sin_family = AF_INET;
-        a4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    } else {
-        auto* a6 = reinterpret_cast<sockaddr_in6*>(&a);
-        a6->sin6_family = AF_INET6;
-        a6->sin6_addr = in6addr_loopback;
-    }
-    bind(fd, reinterpret_cast<sockaddr*>(&a), family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+    socklen_t len;
+    sockaddr_storage a = Loopback(family, 0, &len);
+    bind(fd, reinterpret_cast<sockaddr*>(&a), len);
     listen(fd, backlog);
     *port = BoundPort(fd);
     return fd;
@@ -41,21 +52,8 @@ int Listener(int family, uint16_t* port, int backlog = 4)
 void SendTo(int family, uint16_t port, const Bytes& data)
 {
     int fd = socket(family, SOCK_DGRAM, 0);
-    sockaddr_storage a{};
     socklen_t len;
-    if (family == AF_INET) {
-        auto* a4 = reinterpret_cast<sockaddr_in*>(&a);
-        a4->sin_family = AF_INET;
-        a4->sin_port = htons(port);
-        a4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        len = sizeof *a4;
-    } else {
-        auto* a6 = reinterpret_cast<sockaddr_in6*>(&a);
-        a6->sin6_family = AF_INET6;
-        a6->sin6_port = htons(port);
-        a6->sin6_addr = in6addr_loopback;
-        len = sizeof *a6;
-    }
+    sockaddr_storage a = Loopback(family, port, &len);
     sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), len);
     close(fd);
 }

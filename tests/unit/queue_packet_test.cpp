@@ -36,30 +36,6 @@ struct PacketQueueTest : ::testing::Test {
 
 } // namespace
 
-TEST_F(PacketQueueTest, SlotBoundariesAndMultiSlotPackets)
-{
-    ASSERT_EQ(QUEUE_InitPacketBuffer(&q, 100, 10), KORVALEN_OK);
-    auto shortPkt = Pattern(99, 1);
-    auto exact = Pattern(100, 2);
-    auto overOne = Pattern(101, 3);
-    auto big = Pattern(350, 4);
-    ASSERT_EQ(QUEUE_AddPacket(shortPkt.data(), 99, &q), KORVALEN_OK);
-    EXPECT_EQ(QUEUE_OccupiedSlots(&q), 1u);
-    ASSERT_EQ(QUEUE_AddPacket(exact.data(), 100, &q), KORVALEN_OK);
-    EXPECT_EQ(QUEUE_OccupiedSlots(&q), 2u) << "exactly one payload fits one slot";
-    ASSERT_EQ(QUEUE_AddPacket(overOne.data(), 101, &q), KORVALEN_OK);
-    EXPECT_EQ(QUEUE_OccupiedSlots(&q), 4u) << "one byte more takes two slots";
-    ASSERT_EQ(QUEUE_AddPacket(big.data(), 350, &q), KORVALEN_OK);
-    EXPECT_EQ(QUEUE_OccupiedSlots(&q), 8u);
-
-    EXPECT_EQ(Take(), shortPkt);
-    EXPECT_EQ(Take(), exact);
-    EXPECT_EQ(Take(), overOne);
-    EXPECT_EQ(Take(), big);
-    uint8_t* data = nullptr;
-    EXPECT_EQ(QUEUE_GetPacket(&q, &data, nullptr), KORVALEN_ERR_BUFFER_EMPTY);
-}
-
 TEST_F(PacketQueueTest, RefusesWholeAndLogsOneRefusalInTwenty)
 {
     // Ten slots hold at most nine.

@@ -21,6 +21,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "codec_media.h"
 #include "net/net_socket.h"
 #include "net/rtp.h"
 #include "platform/platform.h"
@@ -28,7 +29,7 @@
 
 namespace rtp_peer {
 
-using Bytes = std::vector<uint8_t>;
+using ::Bytes;
 
 // Media made by scripts/make_fixtures.sh; made on demand when missing.
 inline std::string Fixture(const std::string& name)
@@ -140,29 +141,7 @@ inline std::string WriteFrames(const std::string& name, const std::vector<Frame>
 // Per-frame hashes of the decoded pictures, in output order.
 inline std::vector<std::string> FrameHashes(const std::string& path, const std::string& format)
 {
-    const std::string cmd = "ffmpeg -hide_banner -loglevel error -f " + format + " -i '" + path + "' -f framemd5 -";
-    std::vector<std::string> hashes;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) {
-        return hashes;
-    }
-    char line[512];
-    while (fgets(line, sizeof line, p)) {
-        std::string s(line);
-        if (s.empty() || s[0] == '#') {
-            continue;
-        }
-        const size_t comma = s.rfind(',');
-        if (comma == std::string::npos) {
-            continue;
-        }
-        std::string h = s.substr(comma + 1);
-        h.erase(0, h.find_first_not_of(' '));
-        h.erase(h.find_last_not_of(" \r\n") + 1);
-        hashes.push_back(h);
-    }
-    pclose(p);
-    return hashes;
+    return FfmpegFrameMd5(path, "-f " + format);
 }
 
 // A UDP relay between a sender and the receiver that drops, duplicates and

@@ -87,13 +87,6 @@ TEST_P(RtpPeerTest, AssembledFramesDecodeLikeTheSource)
 std::vector<PeerCase> Peers()
 {
     std::vector<PeerCase> v = {
-        {"ffmpeg_h264",
-         "rtp_h264.h264",
-         "h264",
-         "{ffmpeg} -f h264 -i {file} -c:v copy -f rtp rtp://127.0.0.1:{port}",
-         0,
-         0,
-         {24, 28}},
         {"ffmpeg_h265_pt108",
          "rtp_h265.h265",
          "hevc",

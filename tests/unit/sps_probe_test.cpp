@@ -1,9 +1,7 @@
 // Frame rate and size read from the parameter sets of encoder output, for
 // rates the encoders write in different ways (x264 in the SPS timing, x265 in
 // the VPS timing).
-#include <cstdio>
 #include <string>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -14,25 +12,10 @@ namespace {
 
 Bytes Encode(const std::string& codec, const std::string& rate, const std::string& size)
 {
-    // Named per test and process: the tests may run at the same time.
-    std::string path = testing::TempDir() + "probe_" + std::to_string(getpid()) + "_" +
-                       testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + codec + "_" + rate + "." +
-                       codec;
     std::string enc = codec == "h264" ? "-c:v libx264 -preset ultrafast"
                                       : "-c:v libx265 -preset ultrafast -x265-params log-level=error";
-    RunCommand("ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=" + size + ":rate=" + rate +
-               " -frames:v 1 " + enc + " -pix_fmt yuv420p -f " + (codec == "h264" ? "h264" : "hevc") + " " + path);
-    Bytes data;
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        uint8_t buf[65536];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) {
-            data.insert(data.end(), buf, buf + n);
-        }
-        std::fclose(f);
-    }
-    std::remove(path.c_str());
-    return data;
+    return RunCommand("ffmpeg -hide_banner -loglevel error -f lavfi -i testsrc2=size=" + size + ":rate=" + rate +
+                      " -frames:v 1 " + enc + " -pix_fmt yuv420p -f " + (codec == "h264" ? "h264" : "hevc") + " -");
 }
 
 } // namespace
