@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "codec_media.h"
 #include "iva/iva_port.h"
@@ -438,4 +440,46 @@ TEST(SeiPort, FisheyeParametersPerPort)
     Korvalen_FreePort(port);
     Korvalen_Cleanup();
     EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+}
+
+TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
+{
+    const std::string in = FixturePath("hevc_352x288_nob.hevc");
+    REQUIRE_FIXTURE(in);
+    const std::string dir = ::testing::TempDir() + "/sei_tool" + std::to_string(getpid());
+    mkdir(dir.c_str(), 0700);
+    const std::string desc = dir + "/sei_desc.txt", bad = dir + "/sei_bad.txt", out = dir + "/sei_out.hevc";
+    FILE* f = std::fopen(desc.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs("# two rules on every picture, a voice position on the third\n"
+               "*  rule line label=4 color=7 points=0,5000;10000,5000\n"
+               "*  rule polygon color=6 fill=7 fillv=50 points=1000,1000;9000,1000;9000,9000\n"
+               "2  voice 1234\n",
+               f);
+    std::fclose(f);
+    f = std::fopen(bad.c_str(), "w");
+    std::fputs("* target id=1 box=1,2,3\n", f);
+    std::fclose(f);
+    const std::string tool = KORVALEN_SEI_INJECT;
+    RunCommand(tool + " --codec h265 -i " + in + " -o " + out + " -d " + desc);
+    const Bytes stream = RunCommand("cat " + out);
+    const std::vector<Bytes> aus = SeiWriter_SplitAccessUnits(SEIW_H265, stream);
+    ASSERT_EQ(aus.size(), 25u);
+    IVA_STORE store;
+    SEI_INFO info;
+    info.ivaStore = &store;
+    ASSERT_EQ(Sei_Parse(KORVALEN_CODEC_H265, aus[2].data(), static_cast<uint32_t>(aus[2].size()), &info), 0u);
+    EXPECT_EQ(info.flags, static_cast<uint32_t>(SEI_FLAG_IVA_RULE | SEI_FLAG_VOICE));
+    EXPECT_EQ(info.voicePosition, 1234u);
+    ASSERT_EQ(store.rules.count, 2u);
+    EXPECT_EQ(IVA_GetRule(store.rules, 1).fillValue, 50u);
+    EXPECT_EQ(IVA_GetRule(store.rules, 0).points[1][0], 10000);
+
+    const Bytes err = RunCommand(tool + " --codec h265 -i " + in + " -o " + out + ".2 -d " + bad + " 2>&1; echo rc=$?");
+    const std::string text(err.begin(), err.end());
+    EXPECT_NE(text.find("line 1: bad box"), std::string::npos) << text;
+    EXPECT_NE(text.find("rc=1"), std::string::npos) << text;
+    RemoveTree(dir);
+    Sei_ReleaseInfo(&info);
+    IVA_ReleaseStore(&store);
 }
