@@ -3,6 +3,7 @@
 // side, must come out where a perspective or panoramic camera would see
 // them. Also: the mouse moves the view with the pointer, and the remap table
 // is built once per view, never per picture.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <functional>
@@ -115,6 +116,99 @@ FE_REMAP Dewarp(Picture& src, const FE_VIEW_PARAMS& v, uint32_t outW, uint32_t o
     const uint8_t* planes[3] = {src.y.data(), src.u.data(), src.v.data()};
     FE_ApplyRemap(&m, planes);
     return m;
+}
+
+// A plain bilinear sample of source point (sx, sy) with fractions in 1/256:
+// the picture the table walk must reproduce.
+uint8_t Reference(const uint8_t* plane, uint32_t w, uint32_t h, uint32_t pitch, bool mapped, double sx, double sy,
+                  uint8_t black)
+{
+    if (!mapped || sx < 0 || sy < 0 || sx > w || sy > h) {
+        return black;
+    }
+    const double px = std::clamp(sx - 0.5, 0.0, w - 1.0), py = std::clamp(sy - 0.5, 0.0, h - 1.0);
+    const uint32_t x0 = std::min<uint32_t>(static_cast<uint32_t>(px), w - 2);
+    const uint32_t y0 = std::min<uint32_t>(static_cast<uint32_t>(py), h - 2);
+    const double fx = std::min(std::round((px - x0) * 256), 255.0) / 256;
+    const double fy = std::min(std::round((py - y0) * 256), 255.0) / 256;
+    auto at = [&](uint32_t x, uint32_t y) { return static_cast<double>(plane[static_cast<size_t>(y) * pitch + x]); };
+    const double top = at(x0, y0) + (at(x0 + 1, y0) - at(x0, y0)) * fx;
+    const double bottom = at(x0, y0 + 1) + (at(x0 + 1, y0 + 1) - at(x0, y0 + 1)) * fx;
+    return static_cast<uint8_t>(std::lround(top + (bottom - top) * fy));
+}
+
+TEST(FisheyeDewarp, TableWalkMatchesAPlainBilinearOfEveryPixel)
+{
+    // Noise on an odd-sized source with padded rows (U and V of different
+    // pitch too); a lens circle that crosses the picture's edges.
+    const uint32_t sw = 301, sh = 257;
+    struct Case {
+        uint32_t view, mount, outW, outH, pitch[3];
+    };
+    const Case cases[] = {
+        {FE_VIEW_ORIGINAL, FE_MOUNT_CEILING, 97, 61, {304, 152, 152}},
+        {FE_VIEW_PANORAMA_360, FE_MOUNT_CEILING, 130, 37, {301, 151, 151}},
+        {FE_VIEW_PANORAMA_180, FE_MOUNT_DESK, 33, 17, {320, 157, 163}},
+        {FE_VIEW_PANORAMA_180, FE_MOUNT_WALL, 200, 113, {304, 152, 152}},
+        {FE_VIEW_QUAD, FE_MOUNT_CEILING, 67, 45, {320, 157, 163}},
+        {FE_VIEW_ONE_PTZ, FE_MOUNT_WALL, 2, 2, {304, 152, 152}},
+        {FE_VIEW_ONE_PTZ, FE_MOUNT_DESK, 99, 71, {304, 152, 152}},
+        {FE_VIEW_EPTZ, FE_MOUNT_CEILING, 129, 65, {301, 151, 151}},
+    };
+    uint32_t seed = 12345;
+    auto noise = [&](size_t n) {
+        std::vector<uint8_t> b(n);
+        for (auto& x : b) {
+            seed = seed * 1103515245u + 12345u;
+            x = static_cast<uint8_t>(seed >> 23);
+        }
+        return b;
+    };
+    FE_REMAP m; // one table, rebuilt for every case
+    size_t black = 0, mapped = 0;
+    for (const Case& c : cases) {
+        const uint32_t dims[3][2] = {{sw, sh}, {(sw + 1) / 2, (sh + 1) / 2}, {(sw + 1) / 2, (sh + 1) / 2}};
+        std::vector<uint8_t> planes[3];
+        const uint8_t* src[3];
+        for (int p = 0; p < 3; ++p) {
+            planes[p] = noise(static_cast<size_t>(c.pitch[p]) * dims[p][1]);
+            src[p] = planes[p].data();
+        }
+        FE_VIEW_PARAMS v;
+        v.view = c.view;
+        v.mount = c.mount;
+        v.lens = {150.5, 120, 140};
+        FE_DefaultPtz(c.mount, v.ptz);
+        v.ptz[0].fov = 170 * kDeg;       // wider than the lens sees
+        v.region = {-40, 200, 100, 300}; // partly off the picture
+        v.regionSet = v.inset = 1;
+        ASSERT_EQ(FE_BuildRemap(&m, v, sw, sh, c.pitch, c.outW, c.outH), 0u);
+        FE_ApplyRemap(&m, src);
+        for (int p = 0; p < 3; ++p) {
+            const uint32_t w = p ? (c.outW + 1) / 2 : c.outW, h = p ? (c.outH + 1) / 2 : c.outH;
+            const uint8_t dark = p ? 128 : 16;
+            for (uint32_t y = 0; y < h; ++y) {
+                for (uint32_t x = 0; x < w; ++x) {
+                    double sx = 0, sy = 0;
+                    const bool in = p ? FE_MapPoint(v, sw, sh, c.outW, c.outH, 2.0 * x + 1, 2.0 * y + 1, &sx, &sy)
+                                      : FE_MapPoint(v, sw, sh, c.outW, c.outH, x + 0.5, y + 0.5, &sx, &sy);
+                    const double scale = p ? 0.5 : 1.0;
+                    const uint8_t want =
+                        Reference(src[p], dims[p][0], dims[p][1], c.pitch[p], in, sx * scale, sy * scale, dark);
+                    const int got = m.planes[p][static_cast<size_t>(y) * m.pitches[p] + x];
+                    ASSERT_LE(std::abs(got - want), 1)
+                        << "view " << c.view << " mount " << c.mount << " plane " << p << " at " << x << "," << y;
+                    const bool none =
+                        !in || sx * scale < 0 || sy * scale < 0 || sx * scale > dims[p][0] || sy * scale > dims[p][1];
+                    (none ? black : mapped) += 1;
+                }
+            }
+        }
+    }
+    // Both kinds of pixel were there to compare.
+    EXPECT_GT(black, 1000u);
+    EXPECT_GT(mapped, 10000u);
+    FE_ReleaseRemap(&m);
 }
 
 TEST(FisheyeDewarp, LookingStraightDownTheGridIsSquareAndStraight)
