@@ -270,10 +270,10 @@ TEST(FisheyeDewarp, PtzViewsSeeTheFloorGridAsAPerspectiveCameraWouldOnEveryMount
     }
 
     // Tilted: lines stay where the view's own camera, from the world side,
-    const uint32_t w = 640, h = 360;
-    const double pan = 30 * kDeg, tilt = 40 * kDeg, focal = (w / 2) / std::tan(45 * kDeg);
     // sees them: forward along (pan, tilt) off the axis, right along growing
     // pan, down towards the axis.
+    const uint32_t w = 640, h = 360;
+    const double pan = 30 * kDeg, tilt = 40 * kDeg, focal = (w / 2) / std::tan(45 * kDeg);
     Dewarp m(src, PtzView(FE_MOUNT_CEILING, 30, 40, 90, 960), w, h);
     const double f[3] = {std::sin(tilt) * std::cos(pan), std::sin(tilt) * std::sin(pan), std::cos(tilt)};
     const double r[3] = {-std::sin(pan), std::cos(pan), 0};
