@@ -367,13 +367,11 @@ TEST(FisheyeDewarp, PanoramasTurnUprightLinesIntoColumns)
             if (std::abs(yy - ringRow) < 6) {
                 continue;
             }
-            double c = RowCentre(m, yy, static_cast<int>(expect) - 12, static_cast<int>(expect) + 12);
             if (k == 0) {
-                // The seam: the spoke is split between both ends.
-                c = RowCentre(m, yy, 0, 12);
-                ASSERT_GE(c, 0);
+                ASSERT_GE(RowCentre(m, yy, 0, 12), 0) << "the seam: the spoke split between both ends";
                 continue;
             }
+            const double c = RowCentre(m, yy, static_cast<int>(expect) - 12, static_cast<int>(expect) + 12);
             ASSERT_NEAR(c, expect, 1.0) << "spoke " << k << " row " << yy;
         }
     }
