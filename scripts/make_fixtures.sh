@@ -164,3 +164,23 @@ open(sys.argv[2], 'wb').write(out)
 PY
   fixture file_marked.mp4 -r 25 -i "$out/file_marked.h264" -c copy -f mp4
 fi
+# HLS: four one-second segments with AAC sound, as MPEG-TS (H.264) and as
+# fMP4 (H.265); noise keeps each segment near 0.4 MB for the cache limit. A
+# self-signed certificate serves them over TLS.
+hls_fixture() { # hls_fixture DIR SEGMENT-EXTENSION ffmpeg-video-arguments...
+  local dir=$out/hls/$1 ext=$2; shift 2
+  [ -s "$dir/index.m3u8" ] && return 0
+  rm -rf "$dir.tmp" && mkdir -p "$dir.tmp"
+  ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=320x240:rate=25,noise=alls=30:allf=t \
+    -f lavfi -i sine=frequency=440:sample_rate=44100 -t 4 -pix_fmt yuv420p -c:a aac -b:a 64k "$@" -f hls \
+    -hls_time 1 -hls_playlist_type vod -hls_segment_filename "$dir.tmp/seg%03d.$ext" "$dir.tmp/index.m3u8"
+  rm -rf "$dir" && mv "$dir.tmp" "$dir"
+}
+hls_fixture ts ts -c:v libx264 -preset ultrafast -g 25 -crf 30
+hls_fixture fmp4 m4s -c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=25:min-keyint=25:bframes=0 \
+  -crf 24 -tag:v hvc1 -hls_segment_type fmp4 -hls_fmp4_init_filename init.mp4
+if [ ! -s "$out/hls/cert.pem" ]; then
+  openssl req -x509 -newkey rsa:2048 -nodes -days 3650 -subj /CN=127.0.0.1 -keyout "$out/hls/key.pem" \
+    -out "$out/hls/cert.tmp.pem" 2>/dev/null
+  mv "$out/hls/cert.tmp.pem" "$out/hls/cert.pem"
+fi

@@ -2,14 +2,13 @@
 // over, in the form ffmpeg's framemd5 prints, for comparing with ffmpeg.
 #pragma once
 
-#include <chrono>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "../unit/codec_media.h"
 #include "korvalen.h"
+#include "wait_until.h"
 
 struct DecodedPictures {
     std::mutex lock;
@@ -34,19 +33,25 @@ struct DecodedPictures {
         self->height = v->height;
     }
 
-    // Waits (at most 6 s) for n pictures; returns how many came.
-    size_t Wait(size_t n)
+    // Waits (bounded) for n pictures; returns how many came.
+    size_t Wait(size_t n, int ms = 6000)
     {
-        for (int i = 0; i < 600; ++i) {
-            {
-                std::lock_guard<std::mutex> guard(lock);
-                if (md5s.size() >= n) {
-                    break;
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        WaitUntil([&] { return Count() >= n; }, ms);
+        return Count();
+    }
+    size_t Count()
+    {
         std::lock_guard<std::mutex> guard(lock);
         return md5s.size();
+    }
+    std::vector<std::string> Md5s()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return md5s;
+    }
+    void Clear()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        md5s.clear();
     }
 };

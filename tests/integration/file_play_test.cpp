@@ -2,11 +2,8 @@
 // the decoded-video callback against ffmpeg's decode of the same file, the
 // end-of-file report, stepping, seeking, speed, and refusals.
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <fstream>
 #include <mutex>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -15,51 +12,24 @@
 #include "decoded_pictures.h"
 #include "korvalen.h"
 #include "platform/qmx_heap.h"
+#include "port_fixture.h"
+#include "run_messages.h"
 #include "test_env.h"
 
 namespace {
 
-std::mutex g_msgLock;
-std::vector<KORVALEN_RUN_MSG> g_msgs;
-
-void OnRunMsg(const KORVALEN_RUN_MSG* m)
-{
-    std::lock_guard<std::mutex> lock(g_msgLock);
-    g_msgs.push_back(*m);
-}
-
 size_t EndReports(uint32_t port)
 {
-    std::lock_guard<std::mutex> lock(g_msgLock);
-    size_t n = 0;
-    for (const auto& m : g_msgs) {
-        n += m.port == port && m.code == KORVALEN_ERR_FILE_END;
-    }
-    return n;
+    return RunMessages::Get().Count(
+        [&](const KORVALEN_RUN_MSG& m) { return m.port == port && m.code == KORVALEN_ERR_FILE_END; });
 }
 
-void Sleep(int ms)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
-
-struct FilePlayTest : ::testing::Test {
-    uint32_t port = 0;
+struct FilePlayTest : PortFixture {
     DecodedPictures got;
     void SetUp() override
     {
-        ASSERT_EQ(Korvalen_Init(), 1);
-        ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-        ASSERT_EQ(Korvalen_SetPlayerRunMsgCB(&OnRunMsg), 1);
-        std::lock_guard<std::mutex> lock(g_msgLock);
-        g_msgs.clear();
-    }
-    void TearDown() override
-    {
-        Korvalen_SetPlayerRunMsgCB(nullptr);
-        Korvalen_FreePort(port);
-        Korvalen_Cleanup();
-        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
+        PortFixture::SetUp();
+        RunMessages::Install();
     }
     // Opens with one picture out per frame in, pictures to `got`.
     void OpenWithPictures(const std::string& path)
@@ -68,15 +38,11 @@ struct FilePlayTest : ::testing::Test {
         ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, &got), 1);
         ASSERT_EQ(Korvalen_OpenMediaFile(port, path.c_str()), 1);
     }
-    size_t Count()
-    {
-        std::lock_guard<std::mutex> lock(got.lock);
-        return got.md5s.size();
-    }
+    size_t Count() { return got.Count(); }
     std::string Last()
     {
-        std::lock_guard<std::mutex> lock(got.lock);
-        return got.md5s.empty() ? "" : got.md5s.back();
+        const auto all = got.Md5s();
+        return all.empty() ? "" : all.back();
     }
     uint64_t Stamp()
     {
@@ -97,32 +63,21 @@ TEST_F(FilePlayTest, PlaysPictureForPictureAndReportsTheEndOnce)
         REQUIRE_FIXTURE(path);
         auto want = FfmpegFrameMd5(path, "", "-map 0:v");
         ASSERT_EQ(want.size(), 75u);
-        {
-            std::lock_guard<std::mutex> lock(got.lock);
-            got.md5s.clear();
-        }
-        {
-            std::lock_guard<std::mutex> lock(g_msgLock);
-            g_msgs.clear();
-        }
+        got.Clear();
+        RunMessages::Get().Clear();
         OpenWithPictures(path);
         uint32_t total = 0;
         ASSERT_EQ(Korvalen_GetFileTime(port, &total), 1);
         EXPECT_GE(total, 2u);
-        Sleep(300);
+        SleepMs(300);
         EXPECT_EQ(Count(), 0u) << "a file opens paused";
         ASSERT_EQ(Korvalen_SpeedPlay(port, 3), 1); // half the frame interval: quicker test
         ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
         EXPECT_EQ(got.Wait(75), 75u);
-        for (int i = 0; i < 100 && EndReports(port) == 0; ++i) {
-            Sleep(20);
-        }
-        Sleep(300);
+        WaitUntil([&] { return EndReports(port) > 0; }, 2000);
+        SleepMs(300);
         EXPECT_EQ(EndReports(port), 1u);
-        {
-            std::lock_guard<std::mutex> lock(got.lock);
-            EXPECT_EQ(got.md5s, want);
-        }
+        EXPECT_EQ(got.Md5s(), want);
         uint32_t now = 0;
         ASSERT_EQ(Korvalen_GetPlayTime(port, &now), 1);
         EXPECT_GE(now, 2u);
@@ -151,7 +106,7 @@ TEST_F(FilePlayTest, StepsForwardAndBackSeeksAndChangesSpeed)
         EXPECT_EQ(Last(), want[i]);
         EXPECT_EQ(Stamp(), i * 3600);
     }
-    Sleep(200);
+    SleepMs(200);
     EXPECT_EQ(Count(), 4u) << "stepping pauses after the frame";
     ASSERT_EQ(Korvalen_AFrameBack(port), 1);
     ASSERT_EQ(got.Wait(5), 5u);
@@ -175,7 +130,7 @@ TEST_F(FilePlayTest, StepsForwardAndBackSeeksAndChangesSpeed)
     EXPECT_EQ(Korvalen_SpeedPlay(port, 36), 0);
     EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_INVALID_PARAM);
     ASSERT_EQ(Korvalen_SpeedPlay(port, 22), 1); // accepted, changes nothing: still paused
-    Sleep(200);
+    SleepMs(200);
     EXPECT_EQ(Count(), 7u);
 
     // Pace: frames shown in the same time at double and at half interval.
@@ -184,9 +139,9 @@ TEST_F(FilePlayTest, StepsForwardAndBackSeeksAndChangesSpeed)
     auto framesIn = [&](uint32_t speed) {
         size_t before = Count();
         EXPECT_EQ(Korvalen_SpeedPlay(port, speed), 1);
-        Sleep(600);
+        SleepMs(600);
         EXPECT_EQ(Korvalen_PausePlay(port, 1), 1);
-        Sleep(100);
+        SleepMs(100);
         size_t n = Count() - before;
         EXPECT_EQ(Korvalen_PausePlay(port, 0), 1);
         return n;

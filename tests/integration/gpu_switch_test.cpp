@@ -4,28 +4,21 @@
 // gtest first: Xlib's macros (None, Bool...) would clash with its names.
 #include <gtest/gtest.h>
 
-#include <X11/Xlib.h>
-
 #include "../unit/codec_media.h"
 #include "decoded_pictures.h"
 #include "korvalen.h"
 #include "platform/qmx_heap.h"
-#include "xvfb_server.h"
+#include "x_window.h"
 
 TEST(GpuSwitch, AnswersAgreeAndPortsDecodeEitherWay)
 {
     const std::string path = FixturePath("h264_352x288_nob.h264");
     REQUIRE_FIXTURE(path);
     auto want = FfmpegFrameMd5(path);
-    XvfbServer x;
-    if (!x.Start()) {
+    TestScreen screen;
+    if (!screen.Open(352, 288)) {
         GTEST_SKIP() << "Xvfb cannot run here";
     }
-    Display* dpy = XOpenDisplay(nullptr);
-    ASSERT_NE(dpy, nullptr);
-    Window win = XCreateSimpleWindow(dpy, DefaultRootWindow(dpy), 0, 0, 352, 288, 0, 0, 0);
-    XMapWindow(dpy, win);
-    XSync(dpy, False);
     ASSERT_EQ(Korvalen_Init(), 1);
 
     // A device that cannot exist: no GPU, whatever the machine has.
@@ -52,19 +45,15 @@ TEST(GpuSwitch, AnswersAgreeAndPortsDecodeEitherWay)
     ASSERT_EQ(Korvalen_SetPictureFluency(port, 0), 1);
     ASSERT_EQ(Korvalen_SetDecodeVideoMediaDataCB(port, &DecodedPictures::OnDecoded, 1, &got), 1);
     ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
-    ASSERT_EQ(Korvalen_StartPlay(port, win), 1);
+    ASSERT_EQ(Korvalen_StartPlay(port, screen.win), 1);
     for (const auto& unit : ReadPackets(path)) {
         ASSERT_EQ(Korvalen_InputMediaData(port, unit.data(), static_cast<uint32_t>(unit.size())), 1);
     }
     got.Wait(want.size());
-    {
-        std::lock_guard<std::mutex> lock(got.lock);
-        EXPECT_EQ(got.md5s, want);
-    }
+    EXPECT_EQ(got.Md5s(), want);
     ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
     // Off: always accepted.
     EXPECT_EQ(Korvalen_AbleGpuDecode(0), 1);
     Korvalen_Cleanup();
     EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-    XCloseDisplay(dpy);
 }

@@ -5,78 +5,20 @@
 // gtest first: Xlib's macros (None, Bool...) would clash with its names.
 #include <gtest/gtest.h>
 
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
-
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
-#include <functional>
-#include <thread>
+#include <sstream>
 
 #include "../unit/codec_media.h"
 #include "korvalen.h"
 #include "platform/qmx_heap.h"
+#include "port_fixture.h"
 #include "sei_writer.h"
-#include "xvfb_server.h"
+#include "stream_feeder.h"
+#include "x_window.h"
 
 namespace {
-
-struct Rgb {
-    int r, g, b;
-};
-
-Rgb At(Display* dpy, Window w, int x, int y)
-{
-    XImage* img = XGetImage(dpy, w, x, y, 1, 1, AllPlanes, ZPixmap);
-    if (!img) {
-        return {-1, -1, -1};
-    }
-    unsigned long p = XGetPixel(img, 0, 0);
-    XDestroyImage(img);
-    return {static_cast<int>((p >> 16) & 0xFF), static_cast<int>((p >> 8) & 0xFF), static_cast<int>(p & 0xFF)};
-}
-
-bool Near(Rgb c, int r, int g, int b)
-{
-    return std::abs(c.r - r) < 50 && std::abs(c.g - g) < 50 && std::abs(c.b - b) < 50;
-}
-
-constexpr Rgb kGreen{0, 255, 0}, kRed{255, 0, 0}, kYellow{255, 255, 0}, kGrey{128, 128, 128};
-
-// The stream keeps playing from a feeder thread at its own rate, over and
-// over, while the test changes the display.
-class Feeder {
-public:
-    Feeder(uint32_t port, std::vector<Bytes> chunks) : m_port(port), m_chunks(std::move(chunks))
-    {
-        m_thread = std::thread([this] {
-            while (!m_stop) {
-                for (const Bytes& c : m_chunks) {
-                    if (m_stop) {
-                        break;
-                    }
-                    Korvalen_InputMediaData(m_port, c.data(), static_cast<uint32_t>(c.size()));
-                    if (c.size() != 24) { // a frame, not its header
-                        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-                    }
-                }
-            }
-        });
-    }
-    ~Feeder()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    uint32_t m_port;
-    std::vector<Bytes> m_chunks;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
 
 // What the caller's hook saw at a point of the surface: the overlay must be
 // there already.
@@ -121,28 +63,6 @@ std::vector<Bytes> Chunks(uint32_t codec, const Bytes& stream)
     return out;
 }
 
-// Waits until every point shows its colour; the stream plays at 25 fps.
-bool WaitFor(Display* dpy, Window w, const std::vector<std::pair<std::pair<int, int>, Rgb>>& want, std::string* why)
-{
-    for (int i = 0; i < 400; ++i) {
-        bool all = true;
-        for (const auto& [xy, c] : want) {
-            Rgb got = At(dpy, w, xy.first, xy.second);
-            if (!Near(got, c.r, c.g, c.b)) {
-                all = false;
-                *why = "(" + std::to_string(xy.first) + "," + std::to_string(xy.second) + ") is " +
-                       std::to_string(got.r) + "," + std::to_string(got.g) + "," + std::to_string(got.b);
-                break;
-            }
-        }
-        if (all) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
 class IvaOverlay : public ::testing::TestWithParam<uint32_t> {};
 
 } // namespace
@@ -157,15 +77,12 @@ TEST_P(IvaOverlay, RulesAndTargetsFollowThePictureOnScreen)
     const uint32_t codec = GetParam();
     const std::string path = FixturePath(codec == SEIW_H264 ? "grey_320x240.h264" : "grey_320x240.hevc");
     REQUIRE_FIXTURE(path);
-    XvfbServer x;
-    if (!x.Start()) {
+    TestScreen screen;
+    if (!screen.Open(640, 480)) {
         GTEST_SKIP() << "Xvfb cannot run here";
     }
-    Display* dpy = XOpenDisplay(nullptr);
-    ASSERT_NE(dpy, nullptr);
-    Window win = XCreateSimpleWindow(dpy, DefaultRootWindow(dpy), 0, 0, 640, 480, 0, 0, WhitePixel(dpy, 0));
-    XMapWindow(dpy, win);
-    XSync(dpy, False);
+    Display* dpy = screen.dpy;
+    const Window win = screen.win;
 
     std::vector<SEIW_STATEMENT> desc;
     std::string error;
@@ -186,90 +103,75 @@ TEST_P(IvaOverlay, RulesAndTargetsFollowThePictureOnScreen)
     ASSERT_EQ(Korvalen_StartPlay(port, win), 1);
     std::string why;
     {
-        Feeder feed(port, Chunks(codec, stream));
+        StreamFeeder feed(port, Chunks(codec, stream));
 
         // Fill mode: everything doubled.
         g_hookX = 192;
         g_hookY = 240;
-        EXPECT_TRUE(WaitFor(dpy, win,
-                            {{{192, 240}, kGreen},  // polygon left edge
-                             {{448, 240}, kGreen},  // right edge
-                             {{320, 144}, kGreen},  // top edge
-                             {{250, 200}, kGrey},   // inside: not filled
-                             {{64, 72}, kRed},      // tracked box, left edge
-                             {{96, 48}, kRed},      // its top edge
-                             {{384, 216}, kYellow}, // untracked box, right edge
-                             {{10, 300}, kGrey}},
-                            &why))
+        EXPECT_TRUE(WaitForColours(dpy, win,
+                                   {{{192, 240}, kGreen},  // polygon left edge
+                                    {{448, 240}, kGreen},  // right edge
+                                    {{320, 144}, kGreen},  // top edge
+                                    {{250, 200}, kGrey},   // inside: not filled
+                                    {{64, 72}, kRed},      // tracked box, left edge
+                                    {{96, 48}, kRed},      // its top edge
+                                    {{384, 216}, kYellow}, // untracked box, right edge
+                                    {{10, 300}, kGrey}},
+                                   &why))
             << why;
         EXPECT_EQ(g_hookGreen.load(), 1) << "the overlay is painted before the caller's drawing";
 
         // Native size: the picture centred at (160, 120), unscaled.
         ASSERT_EQ(Korvalen_SetRenderScale(port, nullptr, 2), 1);
-        EXPECT_TRUE(WaitFor(dpy, win,
-                            {{{256, 240}, kGreen},  // 160 + 96
-                             {{384, 240}, kGreen},  // 160 + 224
-                             {{320, 192}, kGreen},  // 120 + 72
-                             {{192, 156}, kRed},    // 160 + 32, 120 + 36
-                             {{352, 228}, kYellow}, // 160 + 192
-                             {{192, 240}, kGrey}},
-                            &why))
+        EXPECT_TRUE(WaitForColours(dpy, win,
+                                   {{{256, 240}, kGreen},  // 160 + 96
+                                    {{384, 240}, kGreen},  // 160 + 224
+                                    {{320, 192}, kGreen},  // 120 + 72
+                                    {{192, 156}, kRed},    // 160 + 32, 120 + 36
+                                    {{352, 228}, kYellow}, // 160 + 192
+                                    {{192, 240}, kGrey}},
+                                   &why))
             << why;
 
-        // Show only the tracked class: the untracked box goes.
-        ASSERT_EQ(Korvalen_SetIVAShowParam(4), 1);
-        EXPECT_TRUE(WaitFor(dpy, win, {{{352, 228}, kGrey}, {{192, 156}, kRed}}, &why)) << why;
-        ASSERT_EQ(Korvalen_SetIVAShowParam(6), 1);
+        // Show only the tracked class, for this port (mode 1): the untracked
+        // box goes. Mode 0 goes back to the process-wide setting.
+        ASSERT_EQ(Korvalen_SetIVAShowParamEx(port, 4, 1), 1);
+        EXPECT_TRUE(WaitForColours(dpy, win, {{{352, 228}, kGrey}, {{192, 156}, kRed}}, &why)) << why;
+        ASSERT_EQ(Korvalen_SetIVAShowParamEx(299, 4, 0), 1) << "no such port: the mode still changes";
+        EXPECT_TRUE(WaitForColours(dpy, win, {{{352, 228}, kYellow}}, &why)) << why;
 
         // Fill mode with the middle half zoomed in: picture (80,60)-(240,180)
         // fills the window, four times enlarged.
         ASSERT_EQ(Korvalen_SetRenderScale(port, nullptr, 0), 1);
         KORVALEN_RECT zoom{2500, 2500, 7500, 7500};
         ASSERT_EQ(Korvalen_SetDigitalZoom(port, &zoom, nullptr), 1);
-        EXPECT_TRUE(WaitFor(dpy, win,
-                            {{{64, 240}, kGreen},   // (96 - 80) * 4
-                             {{576, 240}, kGreen},  // (224 - 80) * 4
-                             {{320, 48}, kGreen},   // (72 - 60) * 4
-                             {{447, 192}, kYellow}, // right edge (192 - 80) * 4 = 448
-                             {{30, 30}, kGrey}},    // the red box is outside the zoomed part
-                            &why))
+        EXPECT_TRUE(WaitForColours(dpy, win,
+                                   {{{64, 240}, kGreen},   // (96 - 80) * 4
+                                    {{576, 240}, kGreen},  // (224 - 80) * 4
+                                    {{320, 48}, kGreen},   // (72 - 60) * 4
+                                    {{447, 192}, kYellow}, // right edge (192 - 80) * 4 = 448
+                                    {{30, 30}, kGrey}},    // the red box is outside the zoomed part
+                                   &why))
             << why;
 
         // Overlay off: the picture alone.
         ASSERT_EQ(Korvalen_SetIVAEnable(port, 0), 1);
-        EXPECT_TRUE(WaitFor(dpy, win, {{{64, 240}, kGrey}, {{576, 240}, kGrey}, {{447, 192}, kGrey}}, &why)) << why;
+        EXPECT_TRUE(WaitForColours(dpy, win, {{{64, 240}, kGrey}, {{576, 240}, kGrey}, {{447, 192}, kGrey}}, &why))
+            << why;
     }
     ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
     Korvalen_Cleanup();
     EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-    XCloseDisplay(dpy);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothCodecs, IvaOverlay, ::testing::Values(SEIW_H264, SEIW_H265),
                          [](const auto& info) { return info.param == SEIW_H264 ? "H264" : "H265"; });
 
-TEST(IvaOverlayApi, SwitchesAnswerAsDocumented)
-{
-    ASSERT_EQ(Korvalen_Init(), 1);
-    uint32_t port = 0;
-    ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-    EXPECT_EQ(Korvalen_SetIVAEnable(port, 1), 1);
-    EXPECT_EQ(Korvalen_SetIVAEnable(300, 1), 0);
-    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_PORT);
-    EXPECT_EQ(Korvalen_SetIVAShowParamEx(port, 2, 1), 1);
-    EXPECT_EQ(Korvalen_SetIVAShowParamEx(299, 6, 0), 1); // always reported as success; back to process-wide
-    EXPECT_EQ(Korvalen_SetOSDStyle(port, 2), 1);
-    EXPECT_EQ(Korvalen_SetOSDStyle(port, 3), 0);
-    EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_INVALID_PARAM);
-    Korvalen_FreePort(port);
-    Korvalen_Cleanup();
-}
-
 namespace {
 
-// Per picture shown: where the red box's left edge and the white square
-// begin on the square's middle row.
-std::atomic<int> g_inStep{0}, g_outOfStep{0}, g_noBox{0};
+// Per picture shown with both: whether the red box's left edge lies just
+// before the white square on the square's middle row.
+std::atomic<int> g_inStep{0}, g_outOfStep{0};
 
 void CheckStep(uint32_t, const KORVALEN_DRAW_SURFACE* s, void*, uint32_t)
 {
@@ -284,21 +186,19 @@ void CheckStep(uint32_t, const KORVALEN_DRAW_SURFACE* s, void*, uint32_t)
             white = static_cast<int>(x);
         }
     }
-    if (red < 0 || white < 0) {
-        ++g_noBox;
-    } else if (white - red >= 1 && white - red <= 5) {
-        ++g_inStep;
-    } else {
-        ++g_outOfStep;
+    if (red >= 0 && white >= 0) {
+        ++(white - red >= 1 && white - red <= 5 ? g_inStep : g_outOfStep);
     }
 }
+
+struct IvaOverlaySync : PortFixture {};
 
 } // namespace
 
 // The square moves 8 pixels a picture and each access unit's SEI puts a box
 // on it. The decoder hands pictures out late and out of stream order, yet
 // every picture must be painted with the box of its own access unit.
-TEST(IvaOverlaySync, EachPictureCarriesItsOwnOverlay)
+TEST_F(IvaOverlaySync, EachPictureCarriesItsOwnOverlay)
 {
     const std::string path = FixturePath("moving_square_b.h264");
     REQUIRE_FIXTURE(path);
@@ -307,22 +207,9 @@ TEST(IvaOverlaySync, EachPictureCarriesItsOwnOverlay)
     const Bytes probe = RunCommand("ffprobe -v error -show_frames -show_entries frame=pkt_pos -of csv=p=0 " + path +
                                    " | grep -o '^[0-9]*'");
     std::vector<long> displayPos;
-    for (const std::string& line : [&] {
-             std::vector<std::string> lines;
-             std::string cur;
-             for (uint8_t c : probe) {
-                 if (c == '\n') {
-                     lines.push_back(cur);
-                     cur.clear();
-                 } else {
-                     cur += static_cast<char>(c);
-                 }
-             }
-             return lines;
-         }()) {
-        if (!line.empty()) {
-            displayPos.push_back(std::stol(line));
-        }
+    std::istringstream lines(std::string(probe.begin(), probe.end()));
+    for (long pos; lines >> pos;) {
+        displayPos.push_back(pos);
     }
     const std::vector<Bytes> aus = SeiWriter_SplitAccessUnits(SEIW_H264, raw);
     ASSERT_EQ(displayPos.size(), aus.size());
@@ -348,22 +235,13 @@ TEST(IvaOverlaySync, EachPictureCarriesItsOwnOverlay)
     }
     ASSERT_TRUE(reordered) << "the fixture should hold B-frames";
 
-    ASSERT_EQ(Korvalen_Init(), 1);
-    uint32_t port = 0;
-    ASSERT_EQ(Korvalen_AllocPort(&port), 1);
     ASSERT_EQ(Korvalen_SetIVAEnable(port, 1), 1);
     ASSERT_EQ(Korvalen_SetDrawMediaDataCB(port, &CheckStep, nullptr), 1);
     ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
     ASSERT_EQ(Korvalen_StartPlay(port, 0), 1); // no window: the hook sees the picture at its own size
-    for (const Bytes& c : chunks) {
-        ASSERT_EQ(Korvalen_InputMediaData(port, c.data(), static_cast<uint32_t>(c.size())), 1);
-    }
-    for (int i = 0; i < 500 && g_inStep + g_outOfStep < 20; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    PushAll(chunks);
+    WaitUntil([] { return g_inStep + g_outOfStep >= 20; }, 5000);
     ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
-    Korvalen_Cleanup();
     EXPECT_GE(g_inStep.load(), 20);
     EXPECT_EQ(g_outOfStep.load(), 0);
-    EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
 }

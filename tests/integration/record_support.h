@@ -1,76 +1,21 @@
-// Helpers for the recording tests: run messages, waiting for the recorder,
+// Helpers for the recording tests: waiting for the recorder,
 // what ffprobe says about a file, and forked recorder processes.
 #pragma once
 
-#include <arpa/inet.h>
 #include <chrono>
 #include <fstream>
 #include <iterator>
-#include <mutex>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "../unit/codec_media.h"
 #include "korvalen.h"
+#include "run_messages.h"
 
 namespace record_support {
 
 constexpr uint32_t kRecordFileReport = 270;
-
-// Run messages as the report thread delivers them.
-struct RunMessages {
-    std::mutex lock;
-    std::vector<KORVALEN_RUN_MSG> msgs;
-    static RunMessages& Get()
-    {
-        static RunMessages m;
-        return m;
-    }
-    static void On(const KORVALEN_RUN_MSG* m)
-    {
-        std::lock_guard<std::mutex> l(Get().lock);
-        Get().msgs.push_back(*m);
-    }
-    void Clear()
-    {
-        std::lock_guard<std::mutex> l(lock);
-        msgs.clear();
-    }
-    // Waits (bounded) for a message with this code and text.
-    bool Has(uint32_t code, const std::string& text)
-    {
-        for (int i = 0; i < 100; ++i) {
-            {
-                std::lock_guard<std::mutex> l(lock);
-                for (const auto& m : msgs) {
-                    if (m.code == code && text == m.data) {
-                        return true;
-                    }
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-};
-
-inline uint16_t FreeUdpPort()
-{
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    sockaddr_in b{};
-    socklen_t len = sizeof b;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&b), &len);
-    close(fd);
-    return ntohs(b.sin_port);
-}
 
 // Waits until the current record file stops growing (bounded: 10 s).
 inline void WaitSizeSettles(uint32_t port)

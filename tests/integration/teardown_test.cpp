@@ -13,6 +13,7 @@
 #include "../unit/codec_media.h"
 #include "korvalen.h"
 #include "platform/qmx_heap.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -87,25 +88,21 @@ TEST(Teardown, EveryOrderFromAnyThreadEndsCleanly)
                 }
             });
             // Let pictures flow before tearing down.
-            for (int i = 0; i < 200 && w.calls < 20; ++i) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            }
-            ASSERT_GE(w.calls.load(), 20);
+            ASSERT_TRUE(WaitUntil([&] { return w.calls >= 20; }));
             auto teardown = [&] {
                 for (Step s : order) {
                     if (s == STOP) {
                         Korvalen_StopPlay(port, 0);
-                    } else if (s == CLOSE) {
+                        continue;
+                    }
+                    if (s == CLOSE) {
                         Korvalen_CloseInputStream(port);
-                        // The stream is over: from here on nothing may call back.
-                        if (!w.closed.exchange(true)) {
-                            EXPECT_EQ(w.running.load(), 0) << "a callback still running after the close returned";
-                        }
                     } else {
                         Korvalen_FreePort(port);
-                        if (!w.closed.exchange(true)) {
-                            EXPECT_EQ(w.running.load(), 0) << "a callback still running after the free returned";
-                        }
+                    }
+                    // The stream is over: from here on nothing may call back.
+                    if (!w.closed.exchange(true)) {
+                        EXPECT_EQ(w.running.load(), 0) << "a callback still running after the stream's end returned";
                     }
                 }
             };
@@ -116,11 +113,8 @@ TEST(Teardown, EveryOrderFromAnyThreadEndsCleanly)
             }
             stopFeed = true;
             feeder.join();
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            SleepMs(50);
             EXPECT_EQ(w.late.load(), 0);
-            if (std::find(order.begin(), order.end(), FREE) == order.end()) {
-                Korvalen_FreePort(port);
-            }
         }
     } while (std::next_permutation(order.begin(), order.end()));
     Korvalen_Cleanup();

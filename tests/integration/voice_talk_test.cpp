@@ -2,13 +2,10 @@
 // voice leaves as "$"-framed channel-4 RTP on the stream's own connection,
 // sound the device sends back reaches the parsed-voice callback, and the
 // broadcast count stops at 128 ports.
-#include <atomic>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,7 +15,9 @@
 #include "korvalen.h"
 #include "log_capture.h"
 #include "platform/qmx_heap.h"
+#include "port_fixture.h"
 #include "voice_device.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -27,20 +26,10 @@ constexpr uint32_t kBroadcastFed = 0;
 constexpr uint32_t kTcp = 1;
 constexpr uint32_t kUdp = 0;
 
-struct VoiceTalkTest : ::testing::Test {
+struct VoiceTalkTest : PortFixture {
     LogCapture log;
-    uint32_t port = 0;
 
-    void SetUp() override
-    {
-        ASSERT_EQ(Korvalen_Init(), 1);
-        ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-    }
-    void TearDown() override
-    {
-        Korvalen_Cleanup();
-        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-    }
+    void SetUp() override { PortFixture::SetUp(); }
 };
 
 std::vector<uint8_t> Pattern(size_t n, uint8_t seed)
@@ -75,7 +64,7 @@ TEST_F(VoiceTalkTest, CallerFedVoiceLeavesAsChannel4RtpFramesOnTheStreamsConnect
     auto second = Pattern(882, 9);
     ASSERT_EQ(Korvalen_VoiceInputData(port, second.data(), 882, nullptr), 1);
     ASSERT_TRUE(dev.WaitPackets(4));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    SleepMs(50);
     auto p = dev.Packets();
     ASSERT_EQ(p.size(), 4u);
     EXPECT_EQ(dev.BadBytes(), 0u);
@@ -135,36 +124,27 @@ TEST_F(VoiceTalkTest, SoundTheDeviceSendsBackReachesTheParsedVoiceCallback)
     ASSERT_TRUE(dev.Listen());
     ASSERT_EQ(Korvalen_SetParseVoiceDataCB(port, &OnVoiceBack, 1, nullptr), 1);
     ASSERT_EQ(Korvalen_OpenVoiceSvc(port, kTalkFed, 0, nullptr, 0, "127.0.0.1", dev.Port(), kTcp), 1);
-    for (int i = 0; i < 100 && !dev.Connected(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_TRUE(dev.Connected());
+    ASSERT_TRUE(WaitUntil([&] { return dev.Connected(); }, 1000));
     // 20 ms G.711 mu-law packets of a 500 Hz tone, RTP payload type 0.
     auto tone = Tone(160 * 10, 500, 8000, 6000);
     for (uint16_t n = 0; n < 10; ++n) {
-        std::vector<uint8_t> rtp{0x80,
-                                 0x00,
-                                 0,
-                                 static_cast<uint8_t>(n),
-                                 0,
-                                 0,
-                                 static_cast<uint8_t>(n >> 8),
-                                 static_cast<uint8_t>(n * 160),
-                                 0,
-                                 0,
-                                 0,
-                                 1};
+        std::vector<uint8_t> rtp(12, 0); // version 2, payload type 0, SSRC 1
+        rtp[0] = 0x80;
+        rtp[3] = static_cast<uint8_t>(n);
+        rtp[6] = static_cast<uint8_t>((n * 160) >> 8);
+        rtp[7] = static_cast<uint8_t>(n * 160);
+        rtp[11] = 1;
         for (int i = 0; i < 160; ++i) {
             rtp.push_back(G711_Encode(G711Law::MuLaw, tone[n * 160 + i]));
         }
         ASSERT_TRUE(dev.SendFrame(0, rtp));
     }
-    size_t got = 0;
-    for (int i = 0; i < 300 && got < 10; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    auto backCount = [] {
         std::lock_guard<std::mutex> guard(g_backLock);
-        got = g_back.size();
-    }
+        return g_back.size();
+    };
+    WaitUntil([&] { return backCount() >= 10; }, 3000);
+    const size_t got = backCount();
     ASSERT_GE(got, 9u); // the last packet may wait for a next one
     std::lock_guard<std::mutex> guard(g_backLock);
     ASSERT_EQ(g_back[0].size(), 160u);
