@@ -95,6 +95,7 @@ X11Conn* X11_Acquire(const char* name)
     Bool pixmaps = False;
     // A local server shares memory with us; a remote one gets plain puts.
     c->hasShm = XShmQueryVersion(dpy, &major, &minor, &pixmaps) == True;
+    c->shmCompletion = c->hasShm ? XShmGetEventBase(dpy) + ShmCompletion : 0;
     g_conns[freeSlot].store(c);
     return c;
 }

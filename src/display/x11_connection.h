@@ -21,6 +21,7 @@ struct X11Conn {
     int refs = 0;
     bool dead = false;
     bool hasShm = false;
+    int shmCompletion = 0; // event type of a finished shared put
     // Errors not taken yet. A put is checked one picture later, and other
     // displays on the connection may wait for the server in between: each
     // display takes only the errors of its own requests.

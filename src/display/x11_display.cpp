@@ -36,6 +36,26 @@ void FillBars(Display* dpy, Window w, GC gc, const DISP_RECT& client, const DISP
     fill(d.right, d.top, client.right - d.right, d.Height());  // right
 }
 
+// What one display takes from the connection's event queue, which the
+// displays of every port on the connection share.
+struct Interest {
+    Window window;
+    int completion; // ShmCompletion event type, 0 without MIT-SHM
+    ShmSeg segs[2];
+};
+
+Bool IsOurs(Display*, XEvent* ev, XPointer arg)
+{
+    const auto* in = reinterpret_cast<const Interest*>(arg);
+    if (in->completion != 0 && ev->type == in->completion) {
+        const ShmSeg seg = reinterpret_cast<const XShmCompletionEvent*>(ev)->shmseg;
+        return seg != 0 && (seg == in->segs[0] || seg == in->segs[1]);
+    }
+    // Every structure event of the window: those we have no use for
+    // (mapping, reparenting...) must not pile up in the queue either.
+    return ev->type >= KeyPress && ev->xany.window == in->window;
+}
+
 } // namespace
 
 CX11Display::~CX11Display()
@@ -48,6 +68,11 @@ CX11Display::~CX11Display()
             // on it from the failing call: any further call would block.
             if (m_gc && !m_conn->dead) {
                 XFreeGC(m_conn->dpy, static_cast<GC>(m_gc));
+                if (!m_gone) {
+                    XSelectInput(m_conn->dpy, m_window, NoEventMask);
+                }
+                X11_Sync(m_conn);
+                Drain(); // nobody else would take our window's events
             }
         }
         X11_Release(m_conn);
@@ -63,6 +88,10 @@ uint32_t CX11Display::Init(uint64_t window)
     }
     std::lock_guard<std::mutex> lock(m_conn->lock);
     const unsigned long from = X11_NextSerial(m_conn);
+    // Our own interest in the window: its size and its end come as events,
+    // so no picture waits on a question to the server. Asked before the
+    // size is read, so no change falls between the two.
+    XSelectInput(m_conn->dpy, static_cast<Window>(window), StructureNotifyMask);
     XWindowAttributes a{};
     const Status ok = XGetWindowAttributes(m_conn->dpy, static_cast<Window>(window), &a);
     int err = X11_TakeError(m_conn, from, X11_NextSerial(m_conn));
@@ -72,6 +101,7 @@ uint32_t CX11Display::Init(uint64_t window)
     }
     m_visual = a.visual;
     m_depth = a.depth;
+    m_client = DISP_RECT{0, 0, a.width, a.height};
     XGCValues v{};
     v.foreground = BlackPixel(m_conn->dpy, DefaultScreen(m_conn->dpy));
     m_gc = XCreateGC(m_conn->dpy, static_cast<Window>(window), GCForeground, &v);
@@ -90,6 +120,7 @@ void CX11Display::FreeImageLocked(Image& img)
         if (!m_conn->dead) {
             XShmDetach(m_conn->dpy, info);
             XSync(m_conn->dpy, False);
+            Drain(); // its completion, if any, is in the queue now
         }
         shmdt(info->shmaddr);
         delete info;
@@ -100,6 +131,7 @@ void CX11Display::FreeImageLocked(Image& img)
     img.image->data = nullptr;
     XDestroyImage(img.image);
     img.image = nullptr;
+    img.reading = false;
 }
 
 void CX11Display::FreeImagesLocked()
@@ -119,7 +151,6 @@ void CX11Display::ReleaseSurfaces()
 uint32_t CX11Display::SurfaceLostLocked()
 {
     FreeImagesLocked();
-    m_clientKnown = false;
     m_repaint = true;
     KORVALEN_LOG(KORVALEN_LOG_ERROR, "CDDrawDisplay::RendSurface fail, surface lost");
     return KORVALEN_ERR_SURFACE_LOST;
@@ -204,35 +235,69 @@ uint32_t CX11Display::Convert(Image& img, const DISP_PICTURE& pic, const DISP_RE
                             h);
 }
 
-uint32_t CX11Display::CheckWindow(DISP_RECT* client)
+void CX11Display::Drain()
 {
-    std::lock_guard<std::mutex> lock(m_conn->lock);
+    Interest in{m_window, m_conn->shmCompletion, {0, 0}};
+    for (int i = 0; i < 2; ++i) {
+        if (m_images[i].shm && m_images[i].reading) {
+            in.segs[i] = static_cast<XShmSegmentInfo*>(m_images[i].shm)->shmseg;
+        }
+    }
+    XEvent ev;
+    while (XCheckIfEvent(m_conn->dpy, &ev, &IsOurs, reinterpret_cast<XPointer>(&in))) {
+        if (ev.type == ConfigureNotify) {
+            m_client = DISP_RECT{0, 0, ev.xconfigure.width, ev.xconfigure.height};
+        } else if (ev.type == DestroyNotify) {
+            m_gone = true;
+        } else {
+            const ShmSeg seg = reinterpret_cast<const XShmCompletionEvent*>(&ev)->shmseg;
+            for (int i = 0; i < 2; ++i) {
+                if (in.segs[i] == seg) {
+                    m_images[i].reading = false;
+                    in.segs[i] = 0;
+                }
+            }
+        }
+    }
+    // A put that failed never completes: its error ends it instead.
+    for (Image& img : m_images) {
+        const int err = img.to != 0 ? X11_TakeError(m_conn, img.from, img.to) : 0;
+        if (err != 0) {
+            img.reading = false;
+            m_putError = m_putError != 0 ? m_putError : err;
+        }
+        if (!img.reading) {
+            img.from = img.to = 0;
+        }
+    }
+}
+
+uint32_t CX11Display::TakeNews(DISP_RECT* client)
+{
     if (m_conn->dead) {
         return SurfaceLostLocked();
     }
-    const unsigned long from = X11_NextSerial(m_conn);
-    Window root = 0;
-    int x = 0, y = 0;
-    unsigned w = 0, h = 0, border = 0, depth = 0;
-    const Status ok = XGetGeometry(m_conn->dpy, m_window, &root, &x, &y, &w, &h, &border, &depth);
-    // The reply comes after the server handled every earlier request: the
-    // last put is done with its image, and its errors are in.
-    const int putErr = X11_TakeError(m_conn, m_putFrom, m_putTo);
-    const int err = X11_TakeError(m_conn, from, X11_NextSerial(m_conn));
-    m_putFrom = m_putTo = 0;
-    if (putErr != 0) {
+    Drain();
+    Image& next = m_images[m_turn];
+    if (next.reading) {
+        // The server is a whole picture behind: wait for it.
+        X11_Sync(m_conn);
+        Drain();
+        next.reading = false; // every request was handled, whatever came of it
+    }
+    const int err = m_putError;
+    m_putError = 0;
+    if (err != 0) {
         if (m_blitFailures++ < kBlitLogLimit) {
             KORVALEN_LOG(KORVALEN_LOG_ERROR, "DDRAW::RendSurface: first Blt operation Failed 0x%x.",
-                         static_cast<unsigned>(putErr));
+                         static_cast<unsigned>(err));
         }
         m_repaint = true;
     }
-    if (!ok || Lost(err) || Lost(putErr)) {
+    if (m_gone || Lost(err) || m_conn->dead) {
         return SurfaceLostLocked();
     }
-    *client = DISP_RECT{0, 0, static_cast<int32_t>(w), static_cast<int32_t>(h)};
-    m_client = *client;
-    m_clientKnown = true;
+    *client = m_client;
     return 0;
 }
 
@@ -244,7 +309,7 @@ uint32_t CX11Display::Put(Image& img, const DISP_RECT& client, const DISP_RECT& 
     }
     Display* dpy = m_conn->dpy;
     GC gc = static_cast<GC>(m_gc);
-    m_putFrom = X11_NextSerial(m_conn);
+    img.from = X11_NextSerial(m_conn);
     if (m_repaint || dest.left != m_lastDest.left || dest.top != m_lastDest.top || dest.right != m_lastDest.right ||
         dest.bottom != m_lastDest.bottom) {
         FillBars(dpy, m_window, gc, client, dest);
@@ -253,14 +318,17 @@ uint32_t CX11Display::Put(Image& img, const DISP_RECT& client, const DISP_RECT& 
     }
     const auto w = static_cast<unsigned>(dest.Width()), h = static_cast<unsigned>(dest.Height());
     if (img.shm) {
-        XShmPutImage(dpy, m_window, gc, img.image, 0, 0, dest.left, dest.top, w, h, False);
+        // Not waited for: the server copies this picture while the next one
+        // is converted into the other image, and says when it is done.
+        XShmPutImage(dpy, m_window, gc, img.image, 0, 0, dest.left, dest.top, w, h, True);
+        img.reading = true;
+        XFlush(dpy);
     } else {
+        // The pixels went out with the request; a remote server is waited for.
         XPutImage(dpy, m_window, gc, img.image, 0, 0, dest.left, dest.top, w, h);
+        X11_Sync(m_conn);
     }
-    // Not waited for: the server copies this picture while the next one is
-    // converted into the other image.
-    XFlush(dpy);
-    m_putTo = X11_NextSerial(m_conn);
+    img.to = X11_NextSerial(m_conn);
     m_turn ^= 1u;
     return 0;
 }
@@ -271,25 +339,13 @@ uint32_t CX11Display::Show(const DISP_PICTURE& pic, const DISP_SETTINGS& s)
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "CDDrawDisplay::RendSurface fail, surface lost");
         return KORVALEN_ERR_SURFACE_LOST;
     }
-    const DISP_RECT src = DISP_SourceRect(s.zoomOn ? &s.zoom : nullptr, pic.width, pic.height);
-    Image& img = m_images[m_turn];
-    // Converted first at the size the window had last time, while the server
-    // finishes the previous put; the window is checked after, and only a
-    // changed size converts again.
-    DISP_RECT guess;
-    if (m_clientKnown) {
-        guess = DISP_DestRect(m_client, pic.width, pic.height, s.scaleMode);
-        if (!guess.Empty()) {
-            uint32_t err = Convert(img, pic, src, s.adjust, guess);
-            if (err != 0) {
-                return err;
-            }
-        }
-    }
     DISP_RECT client;
-    uint32_t err = CheckWindow(&client);
-    if (err != 0) {
-        return err;
+    {
+        std::lock_guard<std::mutex> lock(m_conn->lock);
+        uint32_t err = TakeNews(&client);
+        if (err != 0) {
+            return err;
+        }
     }
     const DISP_RECT dest = DISP_DestRect(client, pic.width, pic.height, s.scaleMode);
     if (dest.Empty()) {
@@ -301,13 +357,12 @@ uint32_t CX11Display::Show(const DISP_PICTURE& pic, const DISP_SETTINGS& s)
         KORVALEN_LOG(KORVALEN_LOG_WARN, "DDRAW::DirectXCreateOffScreen: Exceed Threshold, Width %d Height %d.",
                      pic.width, pic.height);
     }
-    if (guess.Empty() || guess.Width() != dest.Width() || guess.Height() != dest.Height()) {
-        err = Convert(img, pic, src, s.adjust, dest);
-        if (err != 0) {
-            return err;
-        }
+    const DISP_RECT src = DISP_SourceRect(s.zoomOn ? &s.zoom : nullptr, pic.width, pic.height);
+    Image& img = m_images[m_turn];
+    uint32_t err = Convert(img, pic, src, s.adjust, dest);
+    if (err != 0) {
+        return err;
     }
-
     auto* pixels = reinterpret_cast<uint8_t*>(img.image->data);
     const auto stride = static_cast<uint32_t>(img.image->bytes_per_line);
     const auto w = static_cast<uint32_t>(dest.Width()), h = static_cast<uint32_t>(dest.Height());
