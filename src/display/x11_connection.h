@@ -22,9 +22,9 @@ struct X11Conn {
     bool dead = false;
     bool hasShm = false;
     int shmCompletion = 0; // event type of a finished shared put
-    // Errors not taken yet. A put is checked one picture later, and other
-    // displays on the connection may wait for the server in between: each
-    // display takes only the errors of its own requests.
+    // Errors not taken yet. Puts are not waited for, so an error may come
+    // in while another display on the connection reads from the server:
+    // each display takes only the errors of its own requests.
     static constexpr unsigned kErrorSlots = 16;
     X11Error errors[kErrorSlots];
     unsigned nextError = 0; // the slot written next; the oldest goes first

@@ -53,7 +53,7 @@ Bool IsOurs(Display*, XEvent* ev, XPointer arg)
     }
     // Every structure event of the window: those we have no use for
     // (mapping, reparenting...) must not pile up in the queue either.
-    return ev->type >= KeyPress && ev->xany.window == in->window;
+    return ev->xany.window == in->window;
 }
 
 } // namespace
