@@ -35,7 +35,8 @@ int OnXError(Display* dpy, XErrorEvent* ev)
     if (!c) {
         return g_prevError ? g_prevError(dpy, ev) : 0;
     }
-    c->lastError = ev->error_code;
+    c->errors[c->nextError] = X11Error{ev->serial, ev->error_code};
+    c->nextError = (c->nextError + 1) % X11Conn::kErrorSlots;
     return 0;
 }
 
@@ -94,6 +95,7 @@ X11Conn* X11_Acquire(const char* name)
     Bool pixmaps = False;
     // A local server shares memory with us; a remote one gets plain puts.
     c->hasShm = XShmQueryVersion(dpy, &major, &minor, &pixmaps) == True;
+    c->shmCompletion = c->hasShm ? XShmGetEventBase(dpy) + ShmCompletion : 0;
     g_conns[freeSlot].store(c);
     return c;
 }
@@ -124,12 +126,33 @@ void X11_Release(X11Conn* conn)
     delete conn;
 }
 
-int X11_TakeError(X11Conn* conn)
+unsigned long X11_NextSerial(X11Conn* conn)
+{
+    return NextRequest(conn->dpy);
+}
+
+void X11_Sync(X11Conn* conn)
 {
     if (!conn->dead) {
         XSync(conn->dpy, False);
     }
-    int e = conn->lastError;
-    conn->lastError = 0;
-    return conn->dead ? BadImplementation : e;
+}
+
+int X11_TakeError(X11Conn* conn, unsigned long from, unsigned long to)
+{
+    if (conn->dead) {
+        return BadImplementation;
+    }
+    int first = 0;
+    unsigned long firstSerial = to;
+    for (X11Error& e : conn->errors) {
+        if (e.code != 0 && e.serial >= from && e.serial < to) {
+            if (e.serial < firstSerial) {
+                first = e.code;
+                firstSerial = e.serial;
+            }
+            e.code = 0;
+        }
+    }
+    return first;
 }

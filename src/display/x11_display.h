@@ -28,16 +28,38 @@ public:
     uint32_t BlitFailures() const override { return m_blitFailures; }
 
 private:
+    // An image pictures are converted into. Two take turns: one is
+    // converted into while the server may still copy the other.
+    struct Image {
+        XImage* image = nullptr;
+        void* shm = nullptr;    // XShmSegmentInfo when the image is shared
+        bool reading = false;   // the server may still read it: its put is not complete
+        unsigned long from = 0; // serials of the requests of its last put
+        unsigned long to = 0;
+    };
+
     uint32_t Show(const DISP_PICTURE& pic, const DISP_SETTINGS& settings);
-    bool EnsureImage(int w, int h); // with the connection locked
-    void FreeImageLocked();
+    uint32_t TakeNews(DISP_RECT* client); // with the connection locked
+    void Drain();                         // with the connection locked
+    uint32_t Convert(Image& img, const DISP_PICTURE& pic, const DISP_RECT& src, const int32_t adjust[4],
+                     const DISP_RECT& dest);
+    uint32_t Put(Image& img, const DISP_RECT& client, const DISP_RECT& dest);
+    uint32_t SurfaceLostLocked();
+    bool EnsureImage(Image& img, int w, int h); // with the connection locked
+    void FreeImageLocked(Image& img);
+    void FreeImagesLocked();
 
     std::string m_displayName;
     X11Conn* m_conn = nullptr;
     unsigned long m_window = 0;
+    void* m_visual = nullptr; // the window's Visual, for new images
+    int m_depth = 0;
     void* m_gc = nullptr;
-    XImage* m_image = nullptr;
-    void* m_shm = nullptr; // XShmSegmentInfo when the image is shared
+    Image m_images[2];
+    unsigned m_turn = 0; // the image the next picture goes into
+    DISP_RECT m_client;  // the window's size, followed through its events
+    bool m_gone = false; // the window was destroyed
+    int m_putError = 0;  // first error of a finished put, not reported yet
     DispConverter m_convert;
     DISP_RECT m_lastDest;
     bool m_repaint = true; // the bars around the picture need painting

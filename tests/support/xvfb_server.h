@@ -11,6 +11,7 @@ public:
     bool Start();
     void Kill();
     const std::string& Name() const { return m_name; }
+    pid_t Pid() const { return m_pid; }
 
 private:
     std::string m_name;
