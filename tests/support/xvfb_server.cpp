@@ -1,7 +1,9 @@
 #include "xvfb_server.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <spawn.h>
@@ -14,6 +16,47 @@
 
 extern char** environ;
 
+namespace {
+
+std::string SocketOf(int n)
+{
+    return "/tmp/.X11-unix/X" + std::to_string(n);
+}
+
+std::string LockOf(int n)
+{
+    return "/tmp/.X" + std::to_string(n) + "-lock";
+}
+
+// A display number is free when no live server holds its lock; what a
+// killed server left behind (socket and lock file) is cleared away.
+bool ClaimIfFree(int n)
+{
+    struct stat st {};
+    if (stat(SocketOf(n).c_str(), &st) != 0 && stat(LockOf(n).c_str(), &st) != 0) {
+        return true;
+    }
+    FILE* f = std::fopen(LockOf(n).c_str(), "r");
+    long pid = 0;
+    if (f) {
+        if (std::fscanf(f, "%ld", &pid) != 1) {
+            pid = 0;
+        }
+        std::fclose(f);
+    }
+    if (pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM)) {
+        return false;
+    }
+    if (!f && stat(LockOf(n).c_str(), &st) == 0) {
+        return false; // a lock we cannot read: leave it be
+    }
+    unlink(SocketOf(n).c_str());
+    unlink(LockOf(n).c_str());
+    return true;
+}
+
+} // namespace
+
 XvfbServer::~XvfbServer()
 {
     Kill();
@@ -24,11 +67,12 @@ bool XvfbServer::Start()
     // A display number of our own, derived from the process id.
     for (int attempt = 0; attempt < 20; ++attempt) {
         int n = 100 + (getpid() * 7 + attempt * 13) % 800;
-        std::string sock = "/tmp/.X11-unix/X" + std::to_string(n);
+        std::string sock = SocketOf(n);
         struct stat st {};
-        if (stat(sock.c_str(), &st) == 0) {
+        if (!ClaimIfFree(n)) {
             continue;
         }
+        m_display = n;
         m_name = ":" + std::to_string(n);
         std::vector<std::string> args = {"Xvfb",         m_name,      "-screen", "0",
                                          "1920x1200x24", "-nolisten", "tcp",     "-noreset"};
@@ -72,5 +116,8 @@ void XvfbServer::Kill()
         int status = 0;
         waitpid(m_pid, &status, 0);
         m_pid = -1;
+        // A killed server leaves its socket and lock behind.
+        unlink(SocketOf(m_display).c_str());
+        unlink(LockOf(m_display).c_str());
     }
 }

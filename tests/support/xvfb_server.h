@@ -15,5 +15,6 @@ public:
 
 private:
     std::string m_name;
+    int m_display = -1;
     pid_t m_pid = -1;
 };
