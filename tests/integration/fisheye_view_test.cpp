@@ -11,6 +11,7 @@
 #include "../unit/codec_media.h"
 #include "korvalen.h"
 #include "platform/qmx_heap.h"
+#include "port_fixture.h"
 
 namespace {
 
@@ -31,18 +32,8 @@ void OnDraw(uint32_t, const KORVALEN_DRAW_SURFACE* s, void* user, uint32_t)
     ++d->count;
 }
 
-class FisheyeViewTest : public ::testing::Test {
+class FisheyeViewTest : public PortFixture {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(Korvalen_Init(), 1);
-        ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-    }
-    void TearDown() override
-    {
-        Korvalen_Cleanup();
-        EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-    }
     // Pushes the clip and waits until a new picture of w x h has been drawn.
     bool PlayUntil(const std::vector<Bytes>& units, uint32_t w, uint32_t h)
     {
@@ -60,7 +51,6 @@ protected:
         }
         return false;
     }
-    uint32_t port = 0;
     Drawn drawn;
 };
 
