@@ -84,7 +84,8 @@ struct DisplayTest : ::testing::Test {
     void SetUp() override
     {
         if (!x.Start()) {
-            GTEST_SKIP() << "Xvfb cannot run here";
+            ASSERT_FALSE(XvfbServer::Installed()) << "Xvfb is installed but did not start";
+            GTEST_SKIP() << "Xvfb is not installed";
         }
         dpy = XOpenDisplay(nullptr);
         ASSERT_NE(dpy, nullptr);

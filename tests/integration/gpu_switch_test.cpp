@@ -17,7 +17,8 @@ TEST(GpuSwitch, AnswersAgreeAndPortsDecodeEitherWay)
     auto want = FfmpegFrameMd5(path);
     TestScreen screen;
     if (!screen.Open(352, 288)) {
-        GTEST_SKIP() << "Xvfb cannot run here";
+        ASSERT_FALSE(XvfbServer::Installed()) << "Xvfb is installed but did not start";
+        GTEST_SKIP() << "Xvfb is not installed";
     }
     ASSERT_EQ(Korvalen_Init(), 1);
 

@@ -79,7 +79,8 @@ TEST_P(IvaOverlay, RulesAndTargetsFollowThePictureOnScreen)
     REQUIRE_FIXTURE(path);
     TestScreen screen;
     if (!screen.Open(640, 480)) {
-        GTEST_SKIP() << "Xvfb cannot run here";
+        ASSERT_FALSE(XvfbServer::Installed()) << "Xvfb is installed but did not start";
+        GTEST_SKIP() << "Xvfb is not installed";
     }
     Display* dpy = screen.dpy;
     const Window win = screen.win;

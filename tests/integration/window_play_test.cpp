@@ -43,7 +43,8 @@ TEST(WindowPlay, PictureAndDrawingReachTheWindowThroughLostWindowAndServer)
     REQUIRE_FIXTURE(path);
     TestScreen screen;
     if (!screen.Open(640, 480)) {
-        GTEST_SKIP() << "Xvfb cannot run here";
+        ASSERT_FALSE(XvfbServer::Installed()) << "Xvfb is installed but did not start";
+        GTEST_SKIP() << "Xvfb is not installed";
     }
     LogCapture log;
     ASSERT_EQ(Korvalen_Init(), 1);

@@ -57,7 +57,7 @@ inline bool WaitForColours(Display* dpy, Window w, const ScreenPoints& want, std
 }
 
 // Xvfb, a connection to it and one mapped window. Open() is false when
-// Xvfb cannot run here.
+// Xvfb is not installed or did not start.
 struct TestScreen {
     XvfbServer server;
     Display* dpy = nullptr;

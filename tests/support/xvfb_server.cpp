@@ -57,6 +57,24 @@ bool ClaimIfFree(int n)
 
 } // namespace
 
+bool XvfbServer::Installed()
+{
+    const char* path = std::getenv("PATH");
+    std::string dirs = path ? path : "/usr/bin:/bin";
+    size_t at = 0;
+    while (at <= dirs.size()) {
+        size_t end = dirs.find(':', at);
+        if (end == std::string::npos) {
+            end = dirs.size();
+        }
+        if (access((dirs.substr(at, end - at) + "/Xvfb").c_str(), X_OK) == 0) {
+            return true;
+        }
+        at = end + 1;
+    }
+    return false;
+}
+
 XvfbServer::~XvfbServer()
 {
     Kill();

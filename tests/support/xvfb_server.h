@@ -6,6 +6,9 @@
 
 class XvfbServer {
 public:
+    // Whether Xvfb is installed: a test skips without it, and fails when it
+    // is there and still cannot start.
+    static bool Installed();
     ~XvfbServer();
     // Starts Xvfb on a free display number and points DISPLAY at it.
     bool Start();
