@@ -3,6 +3,7 @@
 // groups, receives with a bounded wait, sends, and keeps traffic statistics.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 constexpr int32_t NET_PROTO_UDP = 0;
@@ -33,6 +34,8 @@ struct NET_NAT_PARAM {
 };
 
 // Received bit rate, averaged over the last two intervals of >= 2.5 s.
+// The published figures (average, recvTotal, lostTotal) are written by the
+// counting thread and read by callers through NET_Published.
 struct NET_BITRATE {
     uint32_t average; // bytes per second
     uint32_t lastRate;
@@ -49,6 +52,7 @@ struct NET_LOSTSTAT {
     uint32_t lost[5];
     uint32_t startSec;
     uint32_t startMs;
+    uint32_t resetPending; // set by NET_ResetLostPacket, carried out by the counting thread
 };
 
 // 1 when text is four decimal groups below 256, ending at ':', '/' or its end.
@@ -94,6 +98,12 @@ void NET_CalcBitRateAt(uint32_t bytes, NET_BITRATE* stat, uint32_t nowSec, uint3
 void NET_CountRecvPacket(NET_LOSTSTAT* stat);
 void NET_CountRecvPacketAt(NET_LOSTSTAT* stat, uint32_t nowSec, uint32_t nowMs);
 void NET_CountLostPacket(NET_LOSTSTAT* stat);
+// Asks the counting thread to forget the lost packets (at its next count).
 void NET_ResetLostPacket(NET_LOSTSTAT* stat);
+// Reads a figure the counting thread publishes.
+inline uint32_t NET_Published(uint32_t& figure)
+{
+    return std::atomic_ref<uint32_t>(figure).load(std::memory_order_relaxed);
+}
 // Clock for the statistics: whole seconds and the millisecond field.
 void NET_StatClock(uint32_t* sec, uint32_t* ms);

@@ -1,5 +1,6 @@
 // Traffic statistics: received bit rate and the five-second received/lost
 // packet windows.
+#include <atomic>
 #include <cstring>
 #include <ctime>
 
@@ -37,7 +38,7 @@ void NET_CalcBitRateAt(uint32_t bytes, NET_BITRATE* stat, uint32_t nowSec, uint3
     if (stat->lastRate == 0) {
         stat->lastRate = rate;
     }
-    stat->average = (stat->lastRate + rate) / 2;
+    std::atomic_ref<uint32_t>(stat->average).store((stat->lastRate + rate) / 2, std::memory_order_relaxed);
     stat->lastRate = rate;
     stat->startSec = nowSec;
     stat->startMs = nowMs;
@@ -57,17 +58,21 @@ void NET_CountRecvPacketAt(NET_LOSTSTAT* stat, uint32_t nowSec, uint32_t nowMs)
         stat->startSec = nowSec;
         stat->startMs = nowMs;
     }
+    if (std::atomic_ref<uint32_t>(stat->resetPending).exchange(0, std::memory_order_relaxed)) {
+        std::memset(stat->lost, 0, sizeof stat->lost);
+    }
     ++stat->recv[0];
     if (ElapsedMs(stat->startSec, stat->startMs, nowSec, nowMs) < 1001) {
         return;
     }
     // Totals of the slot just ended and the four before it.
-    stat->recvTotal = 0;
-    stat->lostTotal = 0;
+    uint32_t recvTotal = 0, lostTotal = 0;
     for (int i = 0; i < 5; ++i) {
-        stat->recvTotal += stat->recv[i];
-        stat->lostTotal += stat->lost[i];
+        recvTotal += stat->recv[i];
+        lostTotal += stat->lost[i];
     }
+    std::atomic_ref<uint32_t>(stat->recvTotal).store(recvTotal, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(stat->lostTotal).store(lostTotal, std::memory_order_relaxed);
     std::memmove(stat->recv + 1, stat->recv, 4 * sizeof stat->recv[0]);
     std::memmove(stat->lost + 1, stat->lost, 4 * sizeof stat->lost[0]);
     stat->recv[0] = 0;
@@ -90,5 +95,5 @@ void NET_CountLostPacket(NET_LOSTSTAT* stat)
 
 void NET_ResetLostPacket(NET_LOSTSTAT* stat)
 {
-    std::memset(stat->lost, 0, sizeof stat->lost);
+    std::atomic_ref<uint32_t>(stat->resetPending).store(1, std::memory_order_relaxed);
 }

@@ -215,8 +215,8 @@ uint32_t Player_SetNatParam(uint32_t port, uint32_t natMode, const char* session
 uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t* lost, uint32_t* total)
 {
     return Player_OnPort(port, [&](PortRecord& rec) {
-        *lost = rec.net.loss.lostTotal;
-        *total = rec.net.loss.recvTotal;
+        *lost = NET_Published(rec.net.loss.lostTotal);
+        *total = NET_Published(rec.net.loss.recvTotal);
         return KORVALEN_OK;
     });
 }
@@ -232,7 +232,7 @@ uint32_t Player_ResetLostPacketRate(uint32_t port)
 uint32_t Player_GetBitRate(uint32_t port, uint32_t* bitRate)
 {
     return Player_OnPort(port, [&](PortRecord& rec) {
-        *bitRate = rec.net.bitrate.average;
+        *bitRate = NET_Published(rec.net.bitrate.average);
         return KORVALEN_OK;
     });
 }

@@ -56,7 +56,7 @@ struct PortCallbacks {
 
 struct PortRecord {
     uint32_t port = 0;
-    uint32_t sourceKind = SOURCE_NONE;
+    std::atomic<uint32_t> sourceKind{SOURCE_NONE}; // read by the port's threads while the caller opens and closes
 
     QUEUE_PACKET_BUFFER packetBuffer;
     uint32_t packetBufferSize = kPacketBufferDefault; // slot count for the next source
