@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "free_port.h"
 #include "korvalen.h"
 
 extern char** environ;
@@ -53,19 +54,6 @@ pid_t Spawn(const std::vector<std::string>& args, bool quiet = true)
     }
     posix_spawn_file_actions_destroy(&fa);
     return pid;
-}
-
-uint16_t FreeUdpPort()
-{
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
 }
 
 struct Setup {
@@ -147,7 +135,7 @@ Figures RunPorts(const Setup& s, int n, bool timed)
         } else {
             Korvalen_SetDecodeVideoMediaDataCB(p.port, &OnDecoded, 1, &p);
         }
-        uint16_t u = FreeUdpPort();
+        uint16_t u = FreeLoopbackPort(SOCK_DGRAM);
         Korvalen_OpenNetStream(p.port, "127.0.0.1", u, "127.0.0.1", 0, 0);
         Korvalen_StartPlay(p.port, 0);
         udp.push_back(u);
@@ -184,7 +172,7 @@ double RunGstreamer(const Setup& s, int n)
     std::vector<uint16_t> udp;
     std::vector<std::string> args = {"gst-launch-1.0", "-q"};
     for (int i = 0; i < n; ++i) {
-        udp.push_back(FreeUdpPort());
+        udp.push_back(FreeLoopbackPort(SOCK_DGRAM));
         for (const char* part :
              {"udpsrc", "", "caps=application/x-rtp,media=video,clock-rate=90000,encoding-name=H264,payload=96", "!",
               "rtpjitterbuffer", "!", "rtph264depay", "!", "avdec_h264", "!", "fakesink", "sync=false"}) {
@@ -210,7 +198,7 @@ double RunFfmpeg(const Setup& s, int n)
     std::string dir = "/tmp/bench_live_" + std::to_string(getpid());
     std::system(("mkdir -p " + dir).c_str());
     for (int i = 0; i < n; ++i) {
-        udp.push_back(FreeUdpPort());
+        udp.push_back(FreeLoopbackPort(SOCK_DGRAM));
         std::string sdp = dir + "/s" + std::to_string(i) + ".sdp";
         std::ofstream(sdp) << "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=bench\nc=IN IP4 127.0.0.1\nt=0 0\nm=video "
                            << udp.back() << " RTP/AVP 96\na=rtpmap:96 H264/90000\n";

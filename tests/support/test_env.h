@@ -2,6 +2,8 @@
 // parallel test processes never meet.
 #pragma once
 
+#include "free_port.h"
+
 #include <cstdint>
 #include <string>
 
@@ -14,6 +16,3 @@ std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
 // Removes a folder tree (test scratch only).
 void RemoveTree(const std::string& path);
-// A loopback port number nobody uses right now (type: SOCK_DGRAM or
-// SOCK_STREAM).
-uint16_t FreeLoopbackPort(int type);
