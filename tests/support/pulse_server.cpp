@@ -301,6 +301,46 @@ void ToneMicrophone::Unplug()
     }
 }
 
+FedMicrophone::~FedMicrophone()
+{
+    if (m_conn) {
+        pa_simple_free(m_conn);
+    }
+    if (!m_module.empty()) {
+        Pactl(m_dir, {"unload-module", m_module}, nullptr);
+    }
+}
+
+bool FedMicrophone::Start(const PulseServer& server)
+{
+    m_dir = server.Dir();
+    std::string module;
+    if (!Pactl(m_dir, {"load-module", "module-null-sink", "sink_name=kfed", "rate=16000", "channels=1"}, &module)) {
+        return false;
+    }
+    m_module = module;
+    if (!Pactl(m_dir, {"set-default-source", "kfed.monitor"}, nullptr)) {
+        return false;
+    }
+    pa_sample_spec spec{PA_SAMPLE_S16LE, 16000, 1};
+    pa_buffer_attr attr{};
+    attr.maxlength = static_cast<uint32_t>(-1);
+    attr.tlength = 16000 * 2 * 40 / 1000; // a short queue keeps the writer in real time
+    attr.prebuf = static_cast<uint32_t>(-1);
+    attr.minreq = static_cast<uint32_t>(-1);
+    attr.fragsize = static_cast<uint32_t>(-1);
+    int err = 0;
+    m_conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_PLAYBACK, "kfed", "microphone feed", &spec, nullptr,
+                           &attr, &err);
+    return m_conn != nullptr;
+}
+
+bool FedMicrophone::Write(const int16_t* pcm, size_t samples)
+{
+    int err = 0;
+    return m_conn && pa_simple_write(m_conn, pcm, samples * 2, &err) == 0;
+}
+
 double MonoToneAmplitude(const std::vector<int16_t>& pcm, uint32_t rate, double hz)
 {
     const size_t block = rate / 50;

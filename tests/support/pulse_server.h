@@ -64,5 +64,20 @@ private:
     std::string m_module;
 };
 
+// A microphone that hears whatever the test plays into it: a private null
+// sink (16 kHz mono) whose monitor is made the default source. Write() is
+// paced by the server, so a loop of writes runs in real time.
+class FedMicrophone {
+public:
+    ~FedMicrophone();
+    bool Start(const PulseServer& server);
+    bool Write(const int16_t* pcm, size_t samples);
+
+private:
+    std::string m_dir;
+    std::string m_module;
+    struct pa_simple* m_conn = nullptr;
+};
+
 // Amplitude of a frequency in mono PCM (Goertzel per 20 ms block, median).
 double MonoToneAmplitude(const std::vector<int16_t>& pcm, uint32_t rate, double hz);
