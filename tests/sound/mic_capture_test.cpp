@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -243,12 +244,13 @@ TEST_F(MicCaptureTest, EchoCancellerTakesOutWhatTheOwnerPortPlaysAndKeepsTheTalk
     ASSERT_TRUE(fed.Start(server));
     EchoLevels plain = CaptureTalkerAndEcho(fed, false);
     EchoLevels cancelled = CaptureTalkerAndEcho(fed, true);
-    std::printf("echo %.0f -> %.0f, talker %.0f -> %.0f\n", plain.echo, cancelled.echo, plain.talker, cancelled.talker);
+    const std::string levels = "echo " + std::to_string(plain.echo) + " -> " + std::to_string(cancelled.echo) +
+                               ", talker " + std::to_string(plain.talker) + " -> " + std::to_string(cancelled.talker);
     EXPECT_GT(plain.echo, 1000);
     EXPECT_GE(cancelled.echo, 0);
-    EXPECT_LT(cancelled.echo, plain.echo / 10) << "less than 20 dB taken out";
+    EXPECT_LT(cancelled.echo, plain.echo / 10) << "less than 20 dB taken out: " << levels;
     EXPECT_GT(plain.talker, 300);
-    EXPECT_GT(cancelled.talker, plain.talker / 2) << "the talker lost more than 6 dB";
+    EXPECT_GT(cancelled.talker, plain.talker / 2) << "the talker lost more than 6 dB: " << levels;
 }
 
 TEST_F(MicCaptureTest, UnpluggingTheMicrophoneIsReportedOnceAndEndsDelivery)
