@@ -1,13 +1,16 @@
 // Talk and broadcast from the microphone through the C API: the default
 // source of a private PulseAudio daemon hears a 1000 Hz tone, and test
 // devices on loopback decode what arrives on their TCP connections.
+#include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pulse/simple.h>
 
 #include "audio/voice_internal.h"
 #include "codec/code_manager.h"
@@ -211,6 +214,82 @@ TEST_F(VoiceMicTest, MicVolumeAndMuteActOnTheSourceAndTheTalk)
     ASSERT_EQ(Korvalen_GetMicQuietStatus(port, &quiet), 1);
     EXPECT_EQ(quiet, 0u);
     ASSERT_EQ(Korvalen_CloseVoiceSvc(port), 1);
+}
+
+// The room: what the port plays on the sink comes back into the microphone
+// beside a talker at 440 Hz. The device sends a 1000 Hz tone; the voice it
+// gets back must carry the talker and hardly any of its own tone.
+TEST_F(VoiceMicTest, TalkCancelsTheEchoOfWhatThePortPlays)
+{
+    constexpr uint32_t kRate = 16000, kChunk = kRate / 100;
+    FedMicrophone fed;
+    ASSERT_TRUE(fed.Start(server));
+    pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 1};
+    pa_buffer_attr attr{};
+    attr.maxlength = static_cast<uint32_t>(-1);
+    attr.fragsize = kChunk * 2;
+    int err = 0;
+    pa_simple* speaker =
+        pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "room", &spec, nullptr, &attr, &err);
+    ASSERT_NE(speaker, nullptr);
+    std::atomic<bool> stop{false};
+    std::vector<int16_t> played; // what the speaker gave the room
+    std::thread room([&] {
+        std::vector<int16_t> heard(kChunk);
+        for (uint64_t n = 0; !stop; n += kChunk) {
+            if (pa_simple_read(speaker, heard.data(), kChunk * 2, &err) != 0) {
+                break;
+            }
+            played.insert(played.end(), heard.begin(), heard.end());
+            for (uint32_t i = 0; i < kChunk; ++i) {
+                double talker = 3000 * std::sin(2 * M_PI * 440 * static_cast<double>(n + i) / kRate);
+                heard[i] = static_cast<int16_t>(heard[i] + talker);
+            }
+            fed.Write(heard.data(), kChunk);
+        }
+    });
+
+    VoiceDevice dev;
+    ASSERT_TRUE(dev.Listen());
+    ASSERT_EQ(Korvalen_SetVoiceEncodeType(port, 0, 0, 1), 1);
+    ASSERT_EQ(Korvalen_OpenVoiceSvc(port, kTalkMic, 0, nullptr, 0, "127.0.0.1", dev.Port(), kTcp), 1);
+    ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
+    ASSERT_EQ(Korvalen_OpenSound(port), 1);
+    ASSERT_TRUE(dev.WaitPackets(1));
+    // 5 s of 20 ms G.711 packets in real time, RTP payload type 0.
+    auto next = std::chrono::steady_clock::now();
+    for (uint16_t k = 0; k < 250; ++k) {
+        std::vector<uint8_t> rtp{0x80, 0, static_cast<uint8_t>(k >> 8), static_cast<uint8_t>(k), 0, 0, 0, 0, 0, 0,
+                                 0,    1};
+        const uint32_t ts = k * 160u;
+        rtp[4] = static_cast<uint8_t>(ts >> 24);
+        rtp[5] = static_cast<uint8_t>(ts >> 16);
+        rtp[6] = static_cast<uint8_t>(ts >> 8);
+        rtp[7] = static_cast<uint8_t>(ts);
+        for (uint32_t i = 0; i < 160; ++i) {
+            rtp.push_back(G711_Encode(G711Law::MuLaw,
+                                      static_cast<int16_t>(8000 * std::sin(2 * M_PI * 1000 * (ts + i) / 8000.0))));
+        }
+        ASSERT_TRUE(dev.SendFrame(0, rtp));
+        next += std::chrono::milliseconds(20);
+        std::this_thread::sleep_until(next);
+    }
+    const auto sent = dev.Packets();
+    ASSERT_EQ(Korvalen_CloseVoiceSvc(port), 1);
+    stop = true;
+    room.join();
+    pa_simple_free(speaker);
+
+    auto pcm = Decode(0, sent);
+    ASSERT_GT(pcm.size(), 8000u * 4);
+    std::vector<int16_t> last(pcm.end() - 8000, pcm.end()); // the last second, once the canceller settled
+    const double echo = MonoToneAmplitude(last, 8000, 1000);
+    const double talker = MonoToneAmplitude(last, 8000, 440);
+    const double playedTone = MonoToneAmplitude(played, kRate, 1000);
+    EXPECT_GT(playedTone, 2000) << "the port did not play the device's tone";
+    EXPECT_GT(talker, 300);
+    // Heard at about the talker's level; 20 dB below it once cancelled.
+    EXPECT_LT(echo, talker / 10) << "echo " << echo << ", talker " << talker;
 }
 
 } // namespace
