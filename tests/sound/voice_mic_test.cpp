@@ -1,6 +1,8 @@
 // Talk and broadcast from the microphone through the C API: the default
 // source of a private PulseAudio daemon hears a 1000 Hz tone, and test
-// devices on loopback decode what arrives on their TCP connections.
+// devices on loopback decode what arrives on their TCP connections. The echo
+// test swaps in a microphone fed by the test, which plays the sink back into
+// it as a room would.
 #include <atomic>
 #include <chrono>
 #include <cmath>
