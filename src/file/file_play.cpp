@@ -24,6 +24,38 @@ bool IsVideo(uint32_t payload)
     return payload == KORVALEN_CODEC_H264 || payload == KORVALEN_CODEC_MJPEG || payload == KORVALEN_CODEC_H265;
 }
 
+// An MP4 reader hands H.265 samples over as stored, each unit behind a 4-byte
+// length. The stream probes and the decoder read start codes, so once the
+// whole sample proves to be a chain of such lengths they become start codes,
+// in place. Samples already in Annex-B form are left alone.
+void LengthsToStartCodes(uint8_t* data, uint32_t length)
+{
+    auto lengthAt = [&](uint32_t at) {
+        return (uint32_t{data[at]} << 24) | (uint32_t{data[at + 1]} << 16) | (uint32_t{data[at + 2]} << 8) |
+               data[at + 3];
+    };
+    if (length < 5 || (data[0] == 0 && data[1] == 0 && (data[2] == 1 || (data[2] == 0 && data[3] == 1)))) {
+        return;
+    }
+    uint32_t at = 0;
+    while (length - at >= 4) {
+        const uint32_t n = lengthAt(at);
+        if (n == 0 || n > length - at - 4) {
+            return;
+        }
+        at += 4 + n;
+    }
+    if (at != length) {
+        return;
+    }
+    for (at = 0; at < length;) {
+        const uint32_t n = lengthAt(at);
+        data[at] = data[at + 1] = data[at + 2] = 0;
+        data[at + 3] = 1;
+        at += 4 + n;
+    }
+}
+
 // Blocks waiting in the port's sound ring; -1 when no sound plays.
 int32_t SoundLevel(PortRecord* rec)
 {
@@ -97,6 +129,9 @@ void StepBack(PortRecord* rec)
             MP4_MakeOneFrame(pf.parser.file, m, &m->samples[i], &f) != KORVALEN_OK) {
             continue;
         }
+        if (f.payloadType == KORVALEN_CODEC_H265) {
+            LengthsToStartCodes(f.buffer, f.length);
+        }
         if (st.videoOpen && st.video.codecType == static_cast<int32_t>(f.payloadType)) {
             CODE_INPUT in{};
             in.data = f.buffer;
@@ -106,6 +141,9 @@ void StepBack(PortRecord* rec)
     }
     if (MP4_MakeOneFrame(pf.parser.file, m, &m->samples[target], &f) != KORVALEN_OK) {
         return;
+    }
+    if (f.payloadType == KORVALEN_CODEC_H265) {
+        LengthsToStartCodes(f.buffer, f.length);
     }
     pf.lastVideoSample = target;
     pf.current = FileFrameInfo{f.buffer, f.length, f.payloadType, f.frameType, f.timeStamp};
@@ -277,6 +315,9 @@ uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
         err = File_ReadOneFrame(&pf.parser, &f, readMode);
         if (err == KORVALEN_OK && pf.parser.mp4Parser && IsVideo(f.payloadType)) {
             pf.lastVideoSample = static_cast<int64_t>(pf.parser.mp4Parser->cursor) - 1;
+            if (f.payloadType == KORVALEN_CODEC_H265 && f.data == pf.parser.frameBuffer) {
+                LengthsToStartCodes(pf.parser.frameBuffer, f.length);
+            }
         }
     }
     if (err != KORVALEN_OK) {
