@@ -85,6 +85,7 @@ TEST_F(RecordTest, UdpStreamIntoAvi)
     EXPECT_FALSE(FileExists(dir + "/live.temp"));
     EXPECT_FALSE(FileExists(dir + "/live.temp.journal"));
     EXPECT_EQ(FfmpegFrameMd5(out), want);
+    ExpectLibraryPlays(out, want);
     EXPECT_TRUE(RunMessages::Get().Has(kRecordFileReport, out));
     // Our own reader sees the same frames, key frames marked.
     AVI_HANDLE avi = AVI_CreateAviParser(out.c_str());
@@ -122,6 +123,7 @@ TEST_F(RecordTest, PushedStreamsWithSoundAndH265)
         // A stream's last frame waits for the next PES: it may be missing.
         ASSERT_GE(got.size() + 1, want.size()) << out;
         EXPECT_EQ(got, std::vector<std::string>(want.begin(), want.begin() + static_cast<long>(got.size())));
+        ExpectLibraryPlays(out, got);
         // MP4 names MPEG-1 audio of any layer with one object type; ffprobe
         // calls it mp3 until it has parsed a frame.
         EXPECT_TRUE(std::regex_match(StreamCodecs(out), std::regex("h264,mp[23]"))) << StreamCodecs(out);
@@ -140,6 +142,7 @@ TEST_F(RecordTest, PushedStreamsWithSoundAndH265)
     ASSERT_EQ(Korvalen_CloseInputStream(port), 1);
     EXPECT_EQ(StreamCodecs(dir + "/flv.ts"), "h264,mp2");
     EXPECT_EQ(FfmpegFrameMd5(dir + "/flv.ts", "", "-map 0:v"), FfmpegFrameMd5(flv, "", "-map 0:v"));
+    ExpectLibraryPlays(dir + "/flv.ts", FfmpegFrameMd5(flv, "", "-map 0:v"));
     EXPECT_GT(FfmpegFrameMd5(dir + "/flv.ts", "", "-map 0:a").size(), 10u);
 
     // Raw H.265 access units into MP4 ("hev1"), MPEG-TS and AVI.
@@ -153,6 +156,7 @@ TEST_F(RecordTest, PushedStreamsWithSoundAndH265)
         ASSERT_EQ(Korvalen_StopRecord(port), 1);
         const std::string file = dir + (type == 0 ? "/h265.mp4" : (type == 1 ? "/h265.ts" : "/h265.avi"));
         EXPECT_EQ(FfmpegFrameMd5(file), FfmpegFrameMd5(hevc)) << file;
+        ExpectLibraryPlays(file, FfmpegFrameMd5(hevc));
         if (type == 0) {
             EXPECT_EQ(StreamTags(file), "hev1");
         }
