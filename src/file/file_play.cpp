@@ -8,6 +8,7 @@
 #include "audio/dsound_play.h"
 #include "codec/code_manager.h"
 #include "log/log.h"
+#include "mp4/mp4_reader.h"
 #include "platform/platform.h"
 #include "player/player_api.h"
 #include "player/port_table.h"
@@ -25,34 +26,12 @@ bool IsVideo(uint32_t payload)
 }
 
 // An MP4 reader hands H.265 samples over as stored, each unit behind a 4-byte
-// length. The stream probes and the decoder read start codes, so once the
-// whole sample proves to be a chain of such lengths they become start codes,
-// in place. Samples already in Annex-B form are left alone.
+// length. The stream probes and the decoder read start codes, so a sample
+// that proves to be such a chain gets start codes, in place.
 void LengthsToStartCodes(uint8_t* data, uint32_t length)
 {
-    auto lengthAt = [&](uint32_t at) {
-        return (uint32_t{data[at]} << 24) | (uint32_t{data[at + 1]} << 16) | (uint32_t{data[at + 2]} << 8) |
-               data[at + 3];
-    };
-    if (length < 5 || (data[0] == 0 && data[1] == 0 && (data[2] == 1 || (data[2] == 0 && data[3] == 1)))) {
-        return;
-    }
-    uint32_t at = 0;
-    while (length - at >= 4) {
-        const uint32_t n = lengthAt(at);
-        if (n == 0 || n > length - at - 4) {
-            return;
-        }
-        at += 4 + n;
-    }
-    if (at != length) {
-        return;
-    }
-    for (at = 0; at < length;) {
-        const uint32_t n = lengthAt(at);
-        data[at] = data[at + 1] = data[at + 2] = 0;
-        data[at + 3] = 1;
-        at += 4 + n;
+    if (MP4_LengthPrefixed(data, length)) {
+        MP4_ToAnnexB(data, length);
     }
 }
 

@@ -15,22 +15,6 @@ constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
 constexpr uint32_t kMp4PayloadAudio = 1;
 constexpr uint8_t kPrivateSeiMark = 0x21; // '!'
 
-// Length-prefixed NAL units to Annex-B, in place: each 4-byte length becomes
-// a start code (4-byte lengths are assumed).
-void ToAnnexB(uint8_t* p, uint32_t n)
-{
-    uint32_t at = 0;
-    while (n - at >= 4) {
-        const uint32_t len = MP4_Load32(p + at);
-        std::memcpy(p + at, kStartCode, 4);
-        at += 4;
-        if (len > n - at) {
-            break;
-        }
-        at += len;
-    }
-}
-
 void FreeInfo(Mp4Info* info)
 {
     QMX_HeapFree(info->samples);
@@ -168,7 +152,7 @@ uint32_t MP4_MakeOneFrame(FILE* file, Mp4Info* info, const Mp4Sample* sample, Mp
     } else {
         frame->payloadType = t.entry.type == MP4_Fourcc("hev1") ? KORVALEN_CODEC_H265 : KORVALEN_CODEC_H264;
         if (frame->payloadType == KORVALEN_CODEC_H264) {
-            ToAnnexB(out + n, sample->size);
+            MP4_ToAnnexB(out + n, sample->size);
         }
         frame->frameType = sample->key ? 0 : 1;
     }
@@ -262,4 +246,34 @@ uint32_t MP4_GetCurSampleIndex(const Mp4Info* info, uint32_t* seconds)
     }
     *seconds = info->currentSecond;
     return KORVALEN_OK;
+}
+
+void MP4_ToAnnexB(uint8_t* data, uint32_t length)
+{
+    uint32_t at = 0;
+    while (length - at >= 4) {
+        const uint32_t len = MP4_Load32(data + at);
+        std::memcpy(data + at, kStartCode, 4);
+        at += 4;
+        if (len > length - at) {
+            break;
+        }
+        at += len;
+    }
+}
+
+bool MP4_LengthPrefixed(const uint8_t* data, uint32_t length)
+{
+    if (length < 5 || (data[0] == 0 && data[1] == 0 && (data[2] == 1 || (data[2] == 0 && data[3] == 1)))) {
+        return false;
+    }
+    uint32_t at = 0;
+    while (length - at >= 4) {
+        const uint32_t len = MP4_Load32(data + at);
+        if (len == 0 || len > length - at - 4) {
+            return false;
+        }
+        at += 4 + len;
+    }
+    return at == length;
 }

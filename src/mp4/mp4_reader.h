@@ -117,6 +117,13 @@ uint32_t MP4_GetCurSampleIndex(const Mp4Info* info, uint32_t* seconds);
 // other than H.264 and H.265 (H.265 frames are never marked).
 uint32_t MP4_FrameMarked(uint32_t payloadType, const uint8_t* data, uint32_t length);
 
+// Length-prefixed NAL units to Annex-B, in place: each 4-byte length becomes
+// a start code (4-byte lengths are assumed; a length past the end stops).
+void MP4_ToAnnexB(uint8_t* data, uint32_t length);
+// True when data is wholly a chain of 4-byte-length-prefixed units and does
+// not already begin with a start code.
+bool MP4_LengthPrefixed(const uint8_t* data, uint32_t length);
+
 // Box tree (mp4_boxes.cpp): the top-level walk that fills info's tracks,
 // movie header and media data range. 0 or an error.
 uint32_t MP4_ReadRootBoxes(FILE* file, Mp4Info* info);

@@ -14,6 +14,7 @@
 #include "avi/avi_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
+#include "mp4/mp4_reader.h"
 #include "platform/qmx_heap.h"
 
 namespace {
@@ -70,7 +71,7 @@ uint32_t RebuildMp4(const REC_JOURNAL_HEADER& h, std::FILE* journal, const char*
         if (e.flags & REC_ENTRY_AUDIO) {
             err = MUX_WriteAudio(mux, buf, e.size);
         } else {
-            REC_ToAnnexB(buf, e.size);
+            MP4_ToAnnexB(buf, e.size);
             err = MUX_WriteVideo(mux, buf, e.size, e.pts, (e.flags & REC_ENTRY_KEY) != 0, h.frameRate);
         }
         ++written;
@@ -133,6 +134,16 @@ uint32_t REC_JournalAppend(std::FILE* fp, const REC_JOURNAL_ENTRY* e)
     return KORVALEN_OK;
 }
 
+uint32_t REC_TrimTs(const char* path)
+{
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        return KORVALEN_ERR_FILE_OPEN;
+    }
+    const off_t whole = st.st_size - st.st_size % 188;
+    return whole == st.st_size || truncate(path, whole) == 0 ? KORVALEN_OK : KORVALEN_ERR_DISK_FULL;
+}
+
 uint32_t REC_RecoverFile(const char* tempPath, bool force, char* finalName)
 {
     char journalName[kRecordNameMax + 16];
@@ -166,9 +177,7 @@ uint32_t REC_RecoverFile(const char* tempPath, bool force, char* finalName)
             unlink(tempPath);
         }
     } else {
-        if (h.container == REC_CONTAINER_AVI) {
-            err = AVIF_Repair(tempPath);
-        }
+        err = h.container == REC_CONTAINER_AVI ? AVIF_Repair(tempPath) : REC_TrimTs(tempPath);
         if (err == KORVALEN_OK && std::rename(tempPath, finalName) != 0) {
             err = KORVALEN_ERR_FILE_OPEN;
         }

@@ -15,6 +15,7 @@ extern "C" {
 
 #include "korvalen_types.h"
 #include "log/log.h"
+#include "mp4/mp4_reader.h"
 #include "platform/qmx_heap.h"
 #include "record/record_journal.h"
 #include "record/record_mux_av.h"
@@ -91,7 +92,7 @@ bool Shadow(const REC_JOURNAL_HEADER& h, const std::vector<REC_JOURNAL_ENTRY>& e
             break;
         }
         if (!isAudio) {
-            REC_ToAnnexB(buf, e[i].size);
+            MP4_ToAnnexB(buf, e[i].size);
         }
         avio_flush(fmt->pb);
         const int64_t before = avio_tell(fmt->pb);
@@ -124,17 +125,6 @@ bool Shadow(const REC_JOURNAL_HEADER& h, const std::vector<REC_JOURNAL_ENTRY>& e
 }
 
 } // namespace
-
-void REC_ToAnnexB(uint8_t* d, uint32_t n)
-{
-    for (uint32_t at = 0; at + 4 <= n;) {
-        const uint32_t len = static_cast<uint32_t>(d[at]) << 24 | static_cast<uint32_t>(d[at + 1]) << 16 |
-                             static_cast<uint32_t>(d[at + 2]) << 8 | d[at + 3];
-        d[at] = d[at + 1] = d[at + 2] = 0;
-        d[at + 3] = 1;
-        at += 4 + len;
-    }
-}
 
 uint32_t REC_FinishMp4InPlace(const char* path, const char* journalPath)
 {

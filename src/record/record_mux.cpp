@@ -343,6 +343,9 @@ uint32_t MUX_Close(REC_MUX* m)
             keepJournal = m->container == REC_CONTAINER_MP4 && m->started;
         }
         FreeAv(m);
+        if (err != KORVALEN_OK && m->container == REC_CONTAINER_TS) {
+            REC_TrimTs(m->path);
+        }
     }
     if (m->journal) {
         std::fclose(m->journal);

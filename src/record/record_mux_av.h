@@ -14,11 +14,13 @@ struct AVStream;
 uint32_t MUX_AddAvStreams(AVFormatContext* fmt, int32_t container, const REC_MUX_SETUP* s, AVStream** video,
                           AVStream** audio);
 
-// Length-prefixed (4-byte) units back to Annex B, in place.
-void REC_ToAnnexB(uint8_t* d, uint32_t n);
-
 // An MP4 file that ran out of space before its index: drops as many of its
 // last samples as it takes for the index to fit in the space the file holds,
 // and writes the index there, from the journal. 0, or 271 when it cannot be
 // done (the file and journal are left for recovery).
 uint32_t REC_FinishMp4InPlace(const char* path, const char* journalPath);
+
+// Cuts an MPEG-TS file back to its last whole 188-byte packet: a write that
+// failed or a writer that died leaves a packet cut short, and the file
+// reader finds its end by stepping back 188 bytes at a time.
+uint32_t REC_TrimTs(const char* path);
