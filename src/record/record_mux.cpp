@@ -2,6 +2,7 @@
 // AVI, and the journal beside each file.
 #include "record/record_mux.h"
 
+#include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@ extern "C" {
 }
 
 #include "avi/avi.h"
+#include "file/qmx_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
@@ -186,14 +188,26 @@ uint32_t MUX_Open(int32_t container, const char* path, const REC_MUX_NAMING* nam
     std::snprintf(m->path, sizeof m->path, "%s", path);
     if (container == REC_CONTAINER_AVI) {
         m->avi = AVI_OpenOutputFile(path);
+        // A folder that does not exist yet is made, as for every file written.
+        if (!m->avi && QMX_CreateDir(path) == KORVALEN_OK) {
+            m->avi = AVI_OpenOutputFile(path);
+        }
         if (!m->avi) {
             QMX_Delete(m);
             return KORVALEN_ERR_FILE_OPEN;
         }
     } else {
         const char* format = container == REC_CONTAINER_MP4 ? "mp4" : "mpegts";
-        if (avformat_alloc_output_context2(&m->fmt, nullptr, format, path) < 0 || !m->fmt ||
-            !(m->pkt = av_packet_alloc()) || avio_open(&m->fmt->pb, path, AVIO_FLAG_WRITE) < 0) {
+        bool ok = avformat_alloc_output_context2(&m->fmt, nullptr, format, path) >= 0 && m->fmt &&
+                  (m->pkt = av_packet_alloc()) != nullptr;
+        if (ok) {
+            int r = avio_open(&m->fmt->pb, path, AVIO_FLAG_WRITE);
+            if (r == AVERROR(ENOENT) && QMX_CreateDir(path) == KORVALEN_OK) {
+                r = avio_open(&m->fmt->pb, path, AVIO_FLAG_WRITE);
+            }
+            ok = r >= 0;
+        }
+        if (!ok) {
             FreeAv(m);
             QMX_Delete(m);
             return KORVALEN_ERR_FILE_OPEN;

@@ -3,10 +3,12 @@
 // to the caller as a run message. The request does not wait for the picture:
 // the caller's call holds the port, and a pushed stream's next data may have
 // to come through that same port from that same caller.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "codec/code_manager.h"
+#include "file/qmx_file.h"
 #include "log/log.h"
 #include "platform/qmx_heap.h"
 #include "player/player_api.h"
@@ -19,6 +21,9 @@ namespace {
 uint32_t WriteFile(const char* name, const uint8_t* a, uint32_t na, const uint8_t* b, uint32_t nb)
 {
     std::FILE* fp = std::fopen(name, "wb");
+    if (!fp && errno == ENOENT && QMX_CreateDir(name) == KORVALEN_OK) {
+        fp = std::fopen(name, "wb"); // its folder did not exist yet
+    }
     if (!fp) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Player_SnatchOnce fail, fopen %s fail", name);
         return KORVALEN_ERR_FILE_OPEN;

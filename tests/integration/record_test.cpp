@@ -145,16 +145,18 @@ TEST_F(RecordTest, PushedStreamsWithSoundAndH265)
     ExpectLibraryPlays(dir + "/flv.ts", FfmpegFrameMd5(flv, "", "-map 0:v"));
     EXPECT_GT(FfmpegFrameMd5(dir + "/flv.ts", "", "-map 0:a").size(), 10u);
 
-    // Raw H.265 access units into MP4 ("hev1"), MPEG-TS and AVI.
+    // Raw H.265 access units into MP4 ("hev1"), MPEG-TS and AVI, each into a
+    // folder chain that does not exist yet.
     const std::string hevc = FixturePath("hevc_352x288_nob.hevc");
     REQUIRE_FIXTURE(hevc);
     const auto aus = ReadPackets(hevc);
     for (uint32_t type : {0u, 1u, 14u}) {
         ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
-        ASSERT_EQ(Korvalen_StartRecord(port, (dir + "/h265").c_str(), type, nullptr), 1);
+        const std::string folder = dir + "/new" + std::to_string(type) + "/day";
+        ASSERT_EQ(Korvalen_StartRecord(port, (folder + "/h265").c_str(), type, nullptr), 1);
         PushAll(aus);
         ASSERT_EQ(Korvalen_StopRecord(port), 1);
-        const std::string file = dir + (type == 0 ? "/h265.mp4" : (type == 1 ? "/h265.ts" : "/h265.avi"));
+        const std::string file = folder + (type == 0 ? "/h265.mp4" : (type == 1 ? "/h265.ts" : "/h265.avi"));
         EXPECT_EQ(FfmpegFrameMd5(file), FfmpegFrameMd5(hevc)) << file;
         ExpectLibraryPlays(file, FfmpegFrameMd5(hevc));
         if (type == 0) {
@@ -232,7 +234,7 @@ TEST_F(RecordTest, SnapshotsAsJpegAndBmp)
     ASSERT_EQ(Korvalen_OpenInputStream(port, nullptr, 0, 0), 1);
     StreamFeeder feed(port, ReadPackets(src));
     const std::string jpg = dir + "/snap.jpg";
-    const std::string bmp = dir + "/snap.bmp";
+    const std::string bmp = dir + "/shots/snap.bmp"; // a folder made on the way
     // The picture is taken by the decode side; the outcome comes as a run
     // message with the file name.
     ASSERT_EQ(Korvalen_SnatchOnce(port, jpg.c_str(), 0, nullptr), 1);
