@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -45,6 +46,7 @@ using bench::Now;
 constexpr double kInFlight = 0.3;    // after the last sender went, for packets still on their way
 constexpr double kQuiet = 1.0;       // no file grew for this long: the writers are done
 constexpr double kSettleMax = 10;    // give up waiting for quiet
+constexpr double kWaiting = 1;       // seconds of CPU measured ready, before the streams
 constexpr double kFinePolling = 1.0; // seconds before the streams end when stat() goes to every millisecond
 
 struct Format {
@@ -120,6 +122,22 @@ double ProcCpu(pid_t pid)
         }
     }
     return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// The same to the nanosecond, but over the threads alive now only: for a
+// short window in which none starts or ends.
+double LiveThreadsCpu(pid_t pid)
+{
+    double ns = 0;
+    std::error_code ec;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+        std::ifstream f(task.path() / "schedstat");
+        double run = 0;
+        if (f >> run) {
+            ns += run;
+        }
+    }
+    return ns / 1e9;
 }
 
 double ThreadCpu()
@@ -259,9 +277,10 @@ std::vector<double> Watch(std::vector<Tail>& tails, const std::vector<pid_t>& se
 }
 
 struct Side {
-    double cpu = 0;  // % of one core per stream, over the window
-    double wall = 0; // the window: senders started to the last one gone, plus kInFlight
-    Io io;           // the whole recording, start to stop
+    double cpu = 0;        // % of one core per stream, over the window
+    double waitingCpu = 0; // the same, ready and waiting before the stream starts
+    double wall = 0;       // the window: senders started to the last one gone, plus kInFlight
+    Io io;                 // the whole recording, start to stop
     uint64_t fileBytes = 0;
     size_t frames = 0;        // in the finished files
     size_t received = 0;      // frames the ports saw end (ours only)
@@ -323,6 +342,9 @@ Side RunPorts(const Run& r)
         tails[i].path = base + ".temp";
     }
     Side side;
+    const double idle0 = bench::CpuSeconds(RUSAGE_SELF) - ThreadCpu();
+    std::this_thread::sleep_for(std::chrono::duration<double>(kWaiting));
+    side.waitingCpu = (bench::CpuSeconds(RUSAGE_SELF) - ThreadCpu() - idle0) / kWaiting * 100 / r.n;
     const double t0 = Now(), cpu0 = bench::CpuSeconds(RUSAGE_SELF), watcher0 = ThreadCpu();
     double cpu = 0;
     // This thread only starts the senders and watches the files: its CPU is
@@ -350,6 +372,26 @@ Side RunPorts(const Run& r)
     return side;
 }
 
+// Whether some process has bound this UDP port, from /proc/net/udp{,6}.
+bool UdpBound(uint16_t port)
+{
+    char want[8];
+    std::snprintf(want, sizeof want, ":%04X", port);
+    for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
+        std::ifstream f(table);
+        std::string line, slot, local;
+        std::getline(f, line); // the column names
+        while (std::getline(f, line)) {
+            std::istringstream fields(line);
+            fields >> slot >> local;
+            if (local.size() > 5 && local.compare(local.size() - 5, 5, want) == 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 // A child that has ended, not yet reaped.
 bool Exited(pid_t pid)
 {
@@ -371,8 +413,21 @@ Side RunFfmpeg(const Run& r)
             bench::Spawn({"ffmpeg", "-hide_banner", "-nostdin", "-nostats", "-loglevel", "error", "-protocol_whitelist",
                           "file,udp,rtp", "-i", sdp, "-c", "copy", "-f", r.format.ffmpegFormat, "-y", tails[i].path}));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(500)); // sockets bound
+    // Under load 16 ffmpegs take a while to start: the streams wait until
+    // every one of them listens.
+    for (int i = 0; i < 400 && !std::all_of(udp.begin(), udp.end(), UdpBound); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     Side side;
+    double idle0 = 0;
+    for (pid_t p : recorders) {
+        idle0 -= LiveThreadsCpu(p);
+    }
+    std::this_thread::sleep_for(std::chrono::duration<double>(kWaiting));
+    for (pid_t p : recorders) {
+        idle0 += LiveThreadsCpu(p);
+    }
+    side.waitingCpu = idle0 / kWaiting * 100 / r.n;
     const double t0 = Now();
     double cpu0 = 0, cpu = 0;
     for (pid_t p : recorders) {
@@ -450,6 +505,7 @@ void Report(const Run& r, const Side& k, const Side& ff)
     auto d = [](uint64_t v) { return static_cast<double>(v); };
     std::printf("%s, %d streams: per stream %11s %11s %10s\n", r.format.name, r.n, "korvalen", "ffmpeg", "ratio");
     PrintRow("CPU, % of one core", k.cpu, ff.cpu);
+    PrintRow("  before the stream, waiting", k.waitingCpu, ff.waitingCpu);
     PrintRow("file, KiB/s", d(k.fileBytes) / kib, d(ff.fileBytes) / kib);
     PrintRow("write(), KiB/s", d(k.io.wchar) / kib, d(ff.io.wchar) / kib);
     PrintRow("write() calls/s", d(k.io.syscw) / per, d(ff.io.syscw) / per);
