@@ -245,9 +245,9 @@ std::vector<double> Watch(std::vector<Tail>& tails, const std::vector<pid_t>& se
     for (;;) {
         for (size_t i = 0; i < senders.size(); ++i) {
             int status = 0;
-            if (gone[i] == 0 && waitpid(senders[i], &status, WNOHANG) == senders[i]) {
+            if (gone[i] == 0 && (senders[i] <= 0 || waitpid(senders[i], &status, WNOHANG) == senders[i])) {
                 gone[i] = lastGone = Now();
-                failed += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+                failed += senders[i] > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
                 --left;
             }
         }
@@ -443,6 +443,7 @@ Side RunFfmpeg(const Run& r)
     side.cpu = (cpu - cpu0) / side.wall * 100 / r.n;
     // ffmpeg reads SIGINT between packets: with its stream over, it stops
     // when its RTP input gives up waiting (10 s), and then finishes the file.
+    std::erase_if(recorders, [](pid_t p) { return p <= 0; }); // never started: nothing to signal
     for (pid_t p : recorders) {
         kill(p, SIGINT);
     }
