@@ -14,10 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <fstream>
 #include <netinet/in.h>
-#include <spawn.h>
 #include <sstream>
 #include <string>
 #include <sys/socket.h>
@@ -28,55 +25,15 @@
 #include "bench_util.h"
 #include "free_port.h"
 #include "korvalen.h"
-
-extern char** environ;
+#include "live_senders.h"
 
 namespace {
 
+using bench::LiveSetup;
 using bench::Now;
-
-pid_t Spawn(const std::vector<std::string>& args, bool quiet = true)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    if (quiet) {
-        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    }
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
-}
-
-struct Setup {
-    std::string sample, sender;
-    double seconds = 10;
-};
-
-std::vector<pid_t> StartSenders(const Setup& s, const std::vector<uint16_t>& ports)
-{
-    std::vector<pid_t> pids;
-    for (uint16_t p : ports) {
-        pids.push_back(Spawn({s.sender, s.sample, "udp://127.0.0.1:" + std::to_string(p), "--loop", "--duration",
-                              std::to_string(s.seconds)}));
-    }
-    return pids;
-}
-
-void WaitAll(const std::vector<pid_t>& pids)
-{
-    for (pid_t p : pids) {
-        bench::WaitChildCpu(p);
-    }
-}
+using bench::Spawn;
+using bench::StartSenders;
+using bench::WaitAll;
 
 // One port's timing: when each frame's last packet came, and when its
 // picture was shown.
@@ -118,7 +75,7 @@ struct Figures {
 };
 
 // timed: each drawn picture goes to a callback (as BGRA), for the latency.
-Figures RunPorts(const Setup& s, int n, bool timed)
+Figures RunPorts(const LiveSetup& s, int n, bool timed)
 {
     Korvalen_Init();
     const size_t frames = static_cast<size_t>(s.seconds * 25) + 50;
@@ -167,7 +124,7 @@ Figures RunPorts(const Setup& s, int n, bool timed)
     return f;
 }
 
-double RunGstreamer(const Setup& s, int n)
+double RunGstreamer(const LiveSetup& s, int n)
 {
     std::vector<uint16_t> udp;
     std::vector<std::string> args = {"gst-launch-1.0", "-q"};
@@ -191,7 +148,7 @@ double RunGstreamer(const Setup& s, int n)
     return bench::Seconds(ru) / wall * 100 / n;
 }
 
-double RunFfmpeg(const Setup& s, int n)
+double RunFfmpeg(const LiveSetup& s, int n)
 {
     std::vector<uint16_t> udp;
     std::vector<pid_t> players;
@@ -200,8 +157,7 @@ double RunFfmpeg(const Setup& s, int n)
     for (int i = 0; i < n; ++i) {
         udp.push_back(FreeLoopbackPort(SOCK_DGRAM));
         std::string sdp = dir + "/s" + std::to_string(i) + ".sdp";
-        std::ofstream(sdp) << "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=bench\nc=IN IP4 127.0.0.1\nt=0 0\nm=video "
-                           << udp.back() << " RTP/AVP 96\na=rtpmap:96 H264/90000\n";
+        bench::WriteH264Sdp(sdp, udp.back());
         players.push_back(Spawn({"ffmpeg", "-hide_banner", "-loglevel", "error", "-protocol_whitelist", "file,udp,rtp",
                                  "-i", sdp, "-t", std::to_string(s.seconds), "-f", "null", "-"}));
     }
@@ -225,14 +181,11 @@ double RunFfmpeg(const Setup& s, int n)
 
 int main(int argc, char** argv)
 {
-    Setup s;
+    LiveSetup s;
     std::string fixtures = KORVALEN_FIXTURES, tools = KORVALEN_TOOLS_DIR, list = "1,4,16,32";
     bench::ParseFlags(argc, argv,
                       {{"--fixtures", &fixtures}, {"--tools", &tools}, {"--ports", &list}, {"--seconds", &s.seconds}});
-    s.sample = fixtures + "/live_720p_2m.mkv";
-    s.sender = tools + "/korvalen-send";
-    if (access(s.sample.c_str(), R_OK) != 0 || access(s.sender.c_str(), X_OK) != 0) {
-        std::printf("bench_live: needs %s (scripts/make_fixtures.sh) and %s\n", s.sample.c_str(), s.sender.c_str());
+    if (!bench::FindLiveSetup("bench_live", fixtures, tools, &s)) {
         return 1;
     }
     std::printf("720p 25 fps 2 Mbit/s H.264 over UDP, %.0f s per run; CPU in %% of one core per stream\n", s.seconds);
