@@ -3,6 +3,7 @@
 #include "record/record_mux.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@ extern "C" {
 }
 
 #include "avi/avi.h"
+#include "avi/avi_file.h"
 #include "file/qmx_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
@@ -134,6 +136,12 @@ uint32_t StartAv(REC_MUX* m, const REC_MUX_SETUP* s)
     return KORVALEN_OK;
 }
 
+// Each AVI chunk goes to the system as it is written, as MP4 samples do.
+bool AviFlush(REC_MUX* m)
+{
+    return std::fflush(m->avi->fp) == 0;
+}
+
 uint32_t WritePacket(REC_MUX* m, AVStream* st, const uint8_t* data, uint32_t len, int64_t ts, bool key, uint32_t flags)
 {
     AVPacket* pkt = m->pkt;
@@ -150,6 +158,16 @@ uint32_t WritePacket(REC_MUX* m, AVStream* st, const uint8_t* data, uint32_t len
     if (r < 0 || m->fmt->pb->error < 0) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "MUX_Write fail, av_write_frame fail, error(%d)", r);
         return Fail(m);
+    }
+    if (m->container == REC_CONTAINER_TS) {
+        // What came in goes to the system now, sound the muxer still held
+        // included: a camera that falls silent or a process that dies loses
+        // nothing that was received.
+        av_write_frame(m->fmt, nullptr);
+        avio_flush(m->fmt->pb);
+        if (m->fmt->pb->error < 0) {
+            return Fail(m);
+        }
     }
     if (m->container == REC_CONTAINER_MP4 && m->journal) {
         const int64_t after = avio_tell(m->fmt->pb);
@@ -290,7 +308,7 @@ uint32_t MUX_WriteVideo(REC_MUX* m, const uint8_t* data, uint32_t len, uint64_t 
     }
     if (m->container == REC_CONTAINER_AVI) {
         AVI_ENC_FRAME f{0, data, len, key ? 1u : 0u, frameRate};
-        return AVI_EncFrame(m->avi, &f) == KORVALEN_OK ? KORVALEN_OK : Fail(m);
+        return AVI_EncFrame(m->avi, &f) == KORVALEN_OK && AviFlush(m) ? KORVALEN_OK : Fail(m);
     }
     auto ts = static_cast<int64_t>(pts);
     if (ts <= m->lastDts) {
@@ -308,7 +326,7 @@ uint32_t MUX_WriteAudio(REC_MUX* m, const uint8_t* data, uint32_t len)
     }
     if (m->container == REC_CONTAINER_AVI) {
         AVI_ENC_FRAME f{1, data, len, 1, 0};
-        return AVI_EncFrame(m->avi, &f) == KORVALEN_OK ? KORVALEN_OK : Fail(m);
+        return AVI_EncFrame(m->avi, &f) == KORVALEN_OK && AviFlush(m) ? KORVALEN_OK : Fail(m);
     }
     if (!m->audio) {
         return KORVALEN_OK;

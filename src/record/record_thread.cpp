@@ -15,7 +15,8 @@
 
 namespace {
 
-constexpr uint32_t kIdleSleepMs = 5;
+// An idle recorder sleeps on its queue; a stop is noticed within this.
+constexpr uint32_t kIdleWaitMs = 20;
 constexpr uint32_t kMp2InputMax = 6000;
 constexpr uint64_t kMaxGap = 10 * 90000; // larger jumps are a new time line
 constexpr uint32_t kScratchSize = 0x200000 + 1024;
@@ -305,7 +306,7 @@ void RecordThread(PortRecord* rec, uint8_t* scratch)
             if (!running) {
                 break; // stopped and drained
             }
-            PLAT_SleepMs(kIdleSleepMs);
+            QUEUE_WaitPacket(&r.queue, kIdleWaitMs);
             continue;
         }
         Consume(rec, data, len, scratch);
