@@ -40,9 +40,7 @@ std::vector<int16_t> DecodeAudio(uint32_t type, const std::vector<Bytes>& packet
     std::vector<int16_t> pcm;
     CODE_OUTPUT out;
     for (const Bytes& p : packets) {
-        CODE_INPUT in{};
-        in.data = p.data();
-        in.length = static_cast<uint32_t>(p.size());
+        CODE_INPUT in = CodeInput(p);
         uint32_t r = CODE_Decoder(&h, &in, &out);
         if (r == KORVALEN_ERR_DECODE_NO_OUTPUT) {
             continue;
@@ -51,9 +49,8 @@ std::vector<int16_t> DecodeAudio(uint32_t type, const std::vector<Bytes>& packet
         if (r != KORVALEN_OK) {
             break;
         }
-        EXPECT_EQ(out.sampleRate, rate);
-        EXPECT_EQ(out.channels, channels);
-        EXPECT_EQ(out.sampleSize, 16u);
+        EXPECT_EQ((std::vector<uint32_t>{out.sampleRate, out.channels, out.sampleSize}),
+                  (std::vector<uint32_t>{rate, channels, 16}));
         const auto* s = reinterpret_cast<const int16_t*>(out.data);
         pcm.insert(pcm.end(), s, s + out.length / 2);
     }
@@ -144,9 +141,7 @@ TEST(AudioDecode, G711FrameLimit)
         CODE_HANDLE h{};
         ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, type, nullptr, &h), KORVALEN_OK);
         Bytes big(1501, 0x55);
-        CODE_INPUT in{};
-        in.data = big.data();
-        in.length = 1501;
+        CODE_INPUT in = CodeInput(big);
         CODE_OUTPUT out;
         EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_DECODE);
         EXPECT_EQ(out.data, nullptr);
@@ -174,7 +169,8 @@ TEST(AudioDecode, AacMatchesFfmpeg)
     }
 }
 
-// Broken AAC frames: 540 for damaged stream data, and the decoder goes on.
+// Broken AAC frames (junk behind an ADTS sync word, a frame cut short): 540
+// for damaged stream data, and the decoder goes on with the next frame.
 TEST(AudioDecode, AacDamagedFrames)
 {
     std::string path = FixturePath("aac_16000.aac");
@@ -188,18 +184,14 @@ TEST(AudioDecode, AacDamagedFrames)
     for (size_t i = 7; i < junk.size(); ++i) {
         junk[i] = static_cast<uint8_t>(i * 37);
     }
-    CODE_INPUT in{};
-    in.data = junk.data();
-    in.length = static_cast<uint32_t>(junk.size());
-    EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_AAC_DECODE);
+    const Bytes cut(packets[3].begin(), packets[3].begin() + 5);
+    using Case = std::pair<const Bytes*, uint32_t>;
+    for (auto [frame, want] :
+         {Case{&junk, KORVALEN_ERR_AAC_DECODE}, Case{&cut, KORVALEN_ERR_AAC_DECODE}, Case{&packets[4], KORVALEN_OK}}) {
+        CODE_INPUT in = CodeInput(*frame);
+        EXPECT_EQ(CODE_Decoder(&h, &in, &out), want) << frame->size();
+    }
     EXPECT_TRUE(log.Has("dsp_aac_dec_decode failed(retcode:"));
-    Bytes cut(packets[3].begin(), packets[3].begin() + 5);
-    in.data = cut.data();
-    in.length = static_cast<uint32_t>(cut.size());
-    EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_AAC_DECODE);
-    in.data = packets[4].data();
-    in.length = static_cast<uint32_t>(packets[4].size());
-    EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
     EXPECT_EQ(out.sampleRate, 16000u);
     CODE_FreeCode(&h);
 }
@@ -218,9 +210,7 @@ TEST(AudioDecode, Mp2ResampledBlocks)
     size_t blocks = 0, waits = 0;
     CODE_OUTPUT out;
     for (const Bytes& p : packets) {
-        CODE_INPUT in{};
-        in.data = p.data();
-        in.length = static_cast<uint32_t>(p.size());
+        CODE_INPUT in = CodeInput(p);
         uint32_t r = CODE_Decoder(&h, &in, &out);
         if (r == KORVALEN_ERR_DECODE_NO_OUTPUT) {
             ++waits;
@@ -230,8 +220,7 @@ TEST(AudioDecode, Mp2ResampledBlocks)
         ++blocks;
         EXPECT_GE(out.length, 1280u);
         EXPECT_LT(out.length, 1280u + 2000u);
-        EXPECT_EQ(out.sampleRate, 8000u);
-        EXPECT_EQ(out.channels, 1u);
+        EXPECT_EQ(std::make_pair(out.sampleRate, out.channels), std::make_pair(8000u, 1u));
         const auto* s = reinterpret_cast<const int16_t*>(out.data);
         pcm.insert(pcm.end(), s, s + out.length / 2);
     }
@@ -246,10 +235,8 @@ TEST(AudioDecode, Mp2ResampledBlocks)
     EXPECT_GT(Snr(b, a), 25.0);
 
     LogCapture log;
-    Bytes junk(300, 0x11);
-    CODE_INPUT in{};
-    in.data = junk.data();
-    in.length = static_cast<uint32_t>(junk.size());
+    const Bytes junk(300, 0x11);
+    CODE_INPUT in = CodeInput(junk);
     uint32_t r = CODE_Decoder(&h, &in, &out);
     EXPECT_TRUE(r == KORVALEN_ERR_DECODE_NO_OUTPUT || r == 1u) << r;
     CODE_FreeCode(&h);
@@ -348,10 +335,8 @@ TEST(CodecManager, TypesDirectionsAndRefusals)
     CODE_HANDLE enc{}, dec{};
     ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_G711U, nullptr, &enc), KORVALEN_OK);
     ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_G711U, nullptr, &dec), KORVALEN_OK);
-    Bytes data(3002, 0);
-    CODE_INPUT in{};
-    in.data = data.data();
-    in.length = 3002;
+    const Bytes data(3002, 0);
+    CODE_INPUT in = CodeInput(data);
     CODE_OUTPUT out;
     EXPECT_EQ(CODE_Decoder(&enc, &in, &out), KORVALEN_ERR_INVALID_PARAM);
     EXPECT_TRUE(log.Has("CODE_Decoder fail, not decord"));
@@ -386,9 +371,8 @@ TEST(CodecManager, TypesDirectionsAndRefusals)
     p.sampleRate = 8000;
     p.channels = 1;
     ASSERT_EQ(CODE_CreateCode(CODE_DIR_ENCODER, KORVALEN_CODEC_MP2, &p, &enc), KORVALEN_OK);
-    Bytes pcm(6001, 0);
-    in.data = pcm.data();
-    in.length = 6001;
+    const Bytes pcm(6001, 0);
+    in = CodeInput(pcm);
     EXPECT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_ERR_INVALID_PARAM);
     in.length = 6000;
     EXPECT_EQ(CODE_Encoder(&enc, &in, &out), KORVALEN_OK);

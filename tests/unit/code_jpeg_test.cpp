@@ -23,6 +23,18 @@ struct Picture {
         return data.data() + (p == 0 ? 0 : p == 1 ? y : y + y / 4);
     }
     uint32_t Pitch(int p) const { return p ? width / 2 : width; }
+    // Points a CODE_INPUT or CODE_PICTURE at the planes, at the full size.
+    template <typename Record> Record Planes()
+    {
+        Record r{};
+        for (int p = 0; p < 3; ++p) {
+            r.planes[p] = Plane(p);
+            r.pitches[p] = Pitch(p);
+        }
+        r.width = width;
+        r.height = height;
+        return r;
+    }
 };
 
 Picture Copy(const CODE_OUTPUT& out)
@@ -50,9 +62,7 @@ Picture FirstPicture(const std::string& file, uint32_t type)
     p.data = packets.at(0).data();
     p.length = static_cast<uint32_t>(packets[0].size());
     EXPECT_EQ(CODE_CreateCode(CODE_DIR_DECODER, type, &p, &h), KORVALEN_OK);
-    CODE_INPUT in{};
-    in.data = packets[0].data();
-    in.length = p.length;
+    CODE_INPUT in = CodeInput(packets[0]);
     CODE_OUTPUT out;
     EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
     Picture pic = Copy(out);
@@ -89,9 +99,7 @@ TEST(JpegDecode, MatchesFfmpegAndSurvivesDamage)
     CODE_OUTPUT out;
     std::vector<std::string> shown;
     for (const Bytes& p : packets) {
-        CODE_INPUT in{};
-        in.data = p.data();
-        in.length = static_cast<uint32_t>(p.size());
+        CODE_INPUT in = CodeInput(p);
         ASSERT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
         shown.push_back(PictureMd5(out));
     }
@@ -100,19 +108,14 @@ TEST(JpegDecode, MatchesFfmpegAndSurvivesDamage)
     LogCapture log;
     EXPECT_EQ(CODE_Decoder(&h, nullptr, nullptr), KORVALEN_ERR_INVALID_PARAM);
     EXPECT_TRUE(log.Has("ExtraData is null"));
-    Bytes junk(500, 0x42);
-    CODE_INPUT in{};
-    in.data = junk.data();
-    in.length = 500;
+    const Bytes junk(500, 0x42), cut(packets[1].begin(), packets[1].begin() + 600);
+    CODE_INPUT in = CodeInput(junk);
     EXPECT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_ERR_DECODE);
     EXPECT_TRUE(log.Has("DSP_JpegDecode fail, dsp_error("));
-    Bytes cut(packets[1].begin(), packets[1].begin() + 600);
-    in.data = cut.data();
-    in.length = 600;
+    in = CodeInput(cut);
     uint32_t r = CODE_Decoder(&h, &in, &out);
     EXPECT_TRUE(r == KORVALEN_OK || r == KORVALEN_ERR_DECODE) << r;
-    in.data = packets[2].data();
-    in.length = static_cast<uint32_t>(packets[2].size());
+    in = CodeInput(packets[2]);
     ASSERT_EQ(CODE_Decoder(&h, &in, &out), KORVALEN_OK);
     EXPECT_EQ(PictureMd5(out), ref[2]);
     CODE_FreeCode(&h);
@@ -134,27 +137,16 @@ TEST(JpegEncode, RoundTripWithinPsnrBound)
     ASSERT_EQ(CODE_CreateCode(CODE_DIR_DECODER, KORVALEN_CODEC_MJPEG, nullptr, &dec), KORVALEN_OK);
     for (auto [file, type] : {std::pair{small, KORVALEN_CODEC_H264}, std::pair{large, KORVALEN_CODEC_H265}}) {
         Picture pic = FirstPicture(file.substr(file.rfind('/') + 1), type);
-        CODE_INPUT in{};
-        for (int p = 0; p < 3; ++p) {
-            in.planes[p] = pic.Plane(p);
-            in.pitches[p] = pic.Pitch(p);
-        }
-        in.width = pic.width;
-        in.height = pic.height;
+        CODE_INPUT in = pic.Planes<CODE_INPUT>();
         CODE_OUTPUT jpeg;
         ASSERT_EQ(CODE_Encoder(&enc, &in, &jpeg), KORVALEN_OK);
         ASSERT_GT(jpeg.length, 1000u);
-        EXPECT_EQ(jpeg.data[0], 0xFF);
-        EXPECT_EQ(jpeg.data[1], 0xD8);
-        Bytes coded(jpeg.data, jpeg.data + jpeg.length);
-
-        CODE_INPUT din{};
-        din.data = coded.data();
-        din.length = static_cast<uint32_t>(coded.size());
+        const Bytes coded(jpeg.data, jpeg.data + jpeg.length);
+        EXPECT_EQ(Bytes(coded.begin(), coded.begin() + 2), (Bytes{0xFF, 0xD8}));
+        CODE_INPUT din = CodeInput(coded);
         CODE_OUTPUT out;
         ASSERT_EQ(CODE_Decoder(&dec, &din, &out), KORVALEN_OK);
-        ASSERT_EQ(out.width, pic.width);
-        ASSERT_EQ(out.height, pic.height);
+        ASSERT_EQ(std::make_pair(out.width, out.height), std::make_pair(pic.width, pic.height));
         EXPECT_GT(PsnrY(pic.Plane(0), pic.Pitch(0), out.planes[0], out.pitches[0], pic.width, pic.height), 36.0);
         EXPECT_GT(PsnrY(pic.Plane(1), pic.Pitch(1), out.planes[1], out.pitches[1], pic.width / 2, pic.height / 2),
                   36.0);
@@ -180,11 +172,7 @@ TEST(ColorSpace, RoundTripsAndRefusals)
     std::string file = FixturePath("h264_352x288_nob.h264");
     REQUIRE_FIXTURE(file);
     Picture pic = FirstPicture("h264_352x288_nob.h264", KORVALEN_CODEC_H264);
-    CODE_PICTURE src{};
-    for (int p = 0; p < 3; ++p) {
-        src.planes[p] = pic.Plane(p);
-        src.pitches[p] = pic.Pitch(p);
-    }
+    CODE_PICTURE src = pic.Planes<CODE_PICTURE>();
     src.width = 350;  // cut to 348
     src.height = 287; // cut to 284
     Bytes bgr(352 * 3 * 288);
@@ -192,18 +180,13 @@ TEST(ColorSpace, RoundTripsAndRefusals)
     mid.planes[0] = bgr.data();
     mid.pitches[0] = 352 * 3;
     ASSERT_EQ(Format_ColorSpace(CODE_COLOR_YUV420_TO_BGR24, &src, &mid), KORVALEN_OK);
-    EXPECT_EQ(mid.width, 348u);
-    EXPECT_EQ(mid.height, 284u);
+    EXPECT_EQ(std::make_pair(mid.width, mid.height), std::make_pair(348u, 284u));
 
     Picture back;
     back.width = 352;
     back.height = 288;
     back.data.assign(352 * 288 * 3 / 2, 0);
-    CODE_PICTURE dst{};
-    for (int p = 0; p < 3; ++p) {
-        dst.planes[p] = back.Plane(p);
-        dst.pitches[p] = back.Pitch(p);
-    }
+    CODE_PICTURE dst = back.Planes<CODE_PICTURE>();
     ASSERT_EQ(Format_ColorSpace(CODE_COLOR_BGR24_TO_YUV420, &mid, &dst), KORVALEN_OK);
     EXPECT_GT(PsnrY(pic.Plane(0), 352, back.Plane(0), 352, 348, 284), 35.0);
 

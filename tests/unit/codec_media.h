@@ -39,6 +39,15 @@ inline bool FixtureExists(const std::string& path)
 
 using Bytes = std::vector<uint8_t>;
 
+// A codec input over the bytes of one packet.
+inline CODE_INPUT CodeInput(const Bytes& b)
+{
+    CODE_INPUT in{};
+    in.data = b.data();
+    in.length = static_cast<uint32_t>(b.size());
+    return in;
+}
+
 // The file's packets (access units, audio frames) as libavformat splits them.
 inline std::vector<Bytes> ReadPackets(const std::string& path)
 {

@@ -108,9 +108,7 @@ inline std::vector<std::string> DecodeFrames(const std::vector<ReadFrame>& frame
     }
     CODE_OUTPUT out;
     for (const auto& f : frames) {
-        CODE_INPUT in{};
-        in.data = f.data.data();
-        in.length = static_cast<uint32_t>(f.data.size());
+        CODE_INPUT in = CodeInput(f.data);
         if (CODE_Decoder(&h, &in, &out) == KORVALEN_OK) {
             md5s.push_back(PictureMd5(out));
         }

@@ -21,9 +21,8 @@ TEST_F(Mp4Test, FfmpegFilesGiveTheirLengthRateFramesAndKeyFrames)
         std::string path = FixturePath(name);
         REQUIRE_FIXTURE(path);
         ASSERT_EQ(Open(path), 0u);
-        EXPECT_EQ(info.totalTime, 3u);
-        EXPECT_EQ(info.frameRate, 25u);
-        EXPECT_EQ(info.startTime, 0u);
+        EXPECT_EQ((std::vector<uint64_t>{info.totalTime, info.frameRate, info.startTime}),
+                  (std::vector<uint64_t>{3, 25, 0}));
         EXPECT_FLOAT_EQ(info.iFrameInterval, 1000.0f); // key frames one second apart
         uint32_t last = 0;
         auto video = ReadAllFrames(&info, FILE_READ_STEP, &last);
@@ -60,11 +59,8 @@ TEST_F(Mp4Test, H264FramesAreAnnexBWithParameterSetsAndDecodeLikeFfmpeg)
         const Bytes& key = video[0].data;
         ASSERT_GT(key.size(), 8u);
         EXPECT_EQ(Bytes(key.begin(), key.begin() + 5), (Bytes{0, 0, 0, 1, 0x67})); // SPS first
-        size_t pps = 4;
-        while (pps + 5 <= key.size() && !(key[pps] == 0 && key[pps + 1] == 0 && key[pps + 2] == 0 &&
-                                          key[pps + 3] == 1 && key[pps + 4] == 0x68)) {
-            ++pps;
-        }
+        const Bytes ppsStart = {0, 0, 0, 1, 0x68};
+        const size_t pps = std::search(key.begin() + 4, key.end(), ppsStart.begin(), ppsStart.end()) - key.begin();
         EXPECT_LT(pps + 5, key.size()) << "no PPS after the SPS";
         EXPECT_EQ(DecodeFrames(video, KORVALEN_CODEC_H264), FfmpegFrameMd5(path, "", "-map 0:v"));
         File_DestroyFileParser(&info);

@@ -139,12 +139,19 @@ size_t Bright(const uint8_t* p, size_t n)
     return static_cast<size_t>(std::count_if(p, p + n, [](uint8_t l) { return l > 128; }));
 }
 
-FE_VIEW_PARAMS PtzView(uint32_t mount, double pan, double tilt, double fov, double size)
+// A view of a lens picture size x size with the inscribed circle.
+FE_VIEW_PARAMS View(uint32_t view, uint32_t mount, double size)
 {
     FE_VIEW_PARAMS v;
-    v.view = FE_VIEW_ONE_PTZ;
+    v.view = view;
     v.mount = mount;
     v.lens = {size / 2, size / 2, size / 2};
+    return v;
+}
+
+FE_VIEW_PARAMS PtzView(uint32_t mount, double pan, double tilt, double fov, double size)
+{
+    FE_VIEW_PARAMS v = View(FE_VIEW_ONE_PTZ, mount, size);
     v.ptz[0] = {pan * kDeg, tilt * kDeg, fov * kDeg};
     return v;
 }
@@ -323,11 +330,7 @@ TEST(FisheyeDewarp, PtzViewsSeeTheFloorGridAsAPerspectiveCameraWouldOnEveryMount
 
     // Its 180-degree panorama keeps the wall's upright lines upright, each at
     // its own longitude.
-    FE_VIEW_PARAMS pano;
-    pano.view = FE_VIEW_PANORAMA_180;
-    pano.mount = FE_MOUNT_WALL;
-    pano.lens = {480, 480, 480};
-    Dewarp p(src, pano, 1280, 720);
+    Dewarp p(src, View(FE_VIEW_PANORAMA_180, FE_MOUNT_WALL, 960), 1280, 720);
     for (int k = -4; k <= 4; ++k) {
         const double expect = 1280 * (std::atan(k * 0.25) + kPi / 2) / kPi;
         for (int yy = 300; yy < 420; ++yy) {
@@ -353,9 +356,7 @@ TEST(FisheyeDewarp, PanoramasTurnUprightLinesIntoColumns)
         const bool ring = std::fabs(theta - 80 * kDeg) < 0.8 * kDeg;
         return spoke || ring ? 235 : 40;
     });
-    FE_VIEW_PARAMS v;
-    v.view = FE_VIEW_PANORAMA_360;
-    v.lens = {480, 480, 480};
+    FE_VIEW_PARAMS v = View(FE_VIEW_PANORAMA_360, FE_MOUNT_CEILING, 960);
     const uint32_t w = 1440, h = 400;
     Dewarp m(src, v, w, h);
     // Horizon at the top, 20 degrees off the axis at the bottom: the ring at
@@ -421,8 +422,7 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
     }
 
     ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
-    EXPECT_EQ(out->width, 960u);
-    EXPECT_EQ(out->height, 540u);
+    EXPECT_EQ(std::make_pair(out->width, out->height), std::make_pair(960u, 540u));
     const uint32_t allocations = rec->fisheye.remap.allocations;
     const uint64_t heapBefore = QMX_HeapAllocCount();
     for (int i = 0; i < 5; ++i) {
@@ -468,8 +468,7 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
     EXPECT_EQ(st.correct_mode, KORVALEN_PTZ_ONE);
     Fisheye_SetStreamParams(&rec->fisheye, 470, 490, 400);
     ASSERT_EQ(Korvalen_GetFishEyeParam(port, &st, &c, &radius), 1);
-    EXPECT_EQ(c.y, 490);
-    EXPECT_EQ(radius, 400u);
+    EXPECT_EQ((std::vector<int64_t>{c.x, c.y, radius}), (std::vector<int64_t>{470, 490, 400}));
     ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
     EXPECT_EQ(rec->fisheye.remap.builds, 4u) << "new lens, new table";
     Fisheye_SetStreamParams(&rec->fisheye, 2000, 490, 400);
@@ -548,8 +547,7 @@ TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverv
     EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_INVALID_PARAM);
     uint32_t ptz = 9, fix = 9;
     ASSERT_EQ(Korvalen_GetPtzAndFixMode(port, &ptz, &fix), 1);
-    EXPECT_EQ(ptz, KORVALEN_PTZ_EPTZ);
-    EXPECT_EQ(fix, 0u);
+    EXPECT_EQ(std::make_pair(ptz, fix), (std::pair<uint32_t, uint32_t>(KORVALEN_PTZ_EPTZ, 0)));
 }
 
 } // namespace

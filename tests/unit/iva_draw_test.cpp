@@ -68,16 +68,7 @@ void Load(IVA_STORE* store, uint32_t kind, const SeiBytes& record)
 SEIW_TARGET Target(uint32_t id, uint32_t cls, uint16_t l, uint16_t t, uint16_t r, uint16_t b, uint32_t color,
                    uint32_t track = 0)
 {
-    SEIW_TARGET x;
-    x.id = id;
-    x.cls = cls;
-    x.box[0] = l;
-    x.box[1] = t;
-    x.box[2] = r;
-    x.box[3] = b;
-    x.color = color;
-    x.track = track;
-    return x;
+    return SEIW_TARGET{id, cls, {l, t, r, b}, color, track};
 }
 
 } // namespace
@@ -110,16 +101,14 @@ TEST(IvaTracks, SlotsRingAndExpiry)
     IVA_CENTRE a[1] = {centre(5, 10, 10)};
     DATA_UpdateTrack(&tracks, a, 1);
     DATA_UpdateTrack(&tracks, a, 1);
-    EXPECT_EQ(tracks.slots[0].id, 5u);
-    EXPECT_EQ(tracks.slots[0].count, 1u);
+    EXPECT_EQ(std::make_pair(tracks.slots[0].id, tracks.slots[0].count), std::make_pair(5u, 1u));
     // The 21st point overwrites the oldest.
     for (int i = 1; i <= 20; ++i) {
         IVA_CENTRE c[1] = {centre(5, 10 + i, 10)};
         DATA_UpdateTrack(&tracks, c, 1);
     }
     EXPECT_EQ(tracks.slots[0].count, 21u);
-    EXPECT_EQ(tracks.slots[0].points[0].x, 30);
-    EXPECT_EQ(tracks.slots[0].points[1].x, 11);
+    EXPECT_EQ(std::make_pair(tracks.slots[0].points[0].x, tracks.slots[0].points[1].x), std::make_pair(30, 11));
     // Entries without their flag hold no centre and are passed over; a
     // target no longer reported loses its track one update later.
     IVA_CENTRE other[2] = {centre(6, 1, 1), IVA_CENTRE{}};
@@ -127,8 +116,7 @@ TEST(IvaTracks, SlotsRingAndExpiry)
     EXPECT_EQ(tracks.slots[0].id, 5u); // refreshed by the previous update
     EXPECT_EQ(tracks.slots[1].id, 6u);
     DATA_UpdateTrack(&tracks, other, 2);
-    EXPECT_EQ(tracks.slots[0].id, 0u);
-    EXPECT_EQ(tracks.slots[0].count, 0u);
+    EXPECT_EQ(std::make_pair(tracks.slots[0].id, tracks.slots[0].count), std::make_pair(0u, 0u));
     EXPECT_EQ(tracks.slots[1].count, 1u);
 
     // Eleven targets at once: the eleventh finds no slot.
@@ -153,18 +141,12 @@ TEST(IvaPaint, RulesAndBoxesLandWhereThePictureShowsThem)
     // A polygon over the middle half in green (6), a 16-point polyline in
     // blue (7) along y = 80 %, and a 17-point one along y = 90 % that must
     // be skipped.
-    SEIW_RULE poly;
-    poly.kind = 1;
-    poly.points = {{2500, 2500}, {7500, 2500}, {7500, 7500}, {2500, 7500}};
-    poly.lineColor = 6;
-    SEIW_RULE line16, line17;
-    line16.kind = line17.kind = 0;
-    line16.lineColor = line17.lineColor = 7;
+    SEIW_RULE poly{1, 0, {{2500, 2500}, {7500, 2500}, {7500, 7500}, {2500, 7500}}};
+    SEIW_RULE line16{0, 0, {}, 0xFFFFFFFF, 7}, line17{0, 0, {}, 17, 7};
     for (uint16_t i = 0; i < 16; ++i) {
         line16.points.push_back({static_cast<uint16_t>(i * 600), 8000});
         line17.points.push_back({static_cast<uint16_t>(i * 600), 9000});
     }
-    line17.pointCount = 17;
     Load(&store, IVA_KIND_RULE, SeiWriter_IvaRules({poly, line16, line17}));
     // A tracked-class box in red (5), an untracked-class one in yellow (11).
     Load(&store, IVA_KIND_RESULT,
@@ -200,13 +182,8 @@ TEST(IvaPaint, RulesAndBoxesLandWhereThePictureShowsThem)
 TEST(IvaPaint, FilledPolygonColourCodesAndOlderLayout)
 {
     IVA_STORE store;
-    SEIW_RULE poly;
-    poly.kind = 1;
-    poly.points = {{1000, 1000}, {9000, 1000}, {9000, 9000}, {1000, 9000}};
-    poly.lineColor = 8;
-    poly.fillColor = 12;
-    poly.fillValue = 100;
-    poly.labelType = 5;
+    // {kind, label, points, count (all), line colour, fill colour, line value, fill value}
+    SEIW_RULE poly{1, 5, {{1000, 1000}, {9000, 1000}, {9000, 9000}, {1000, 9000}}, 0xFFFFFFFF, 8, 12, 100, 100};
     Load(&store, IVA_KIND_RULE, SeiWriter_IvaRules({poly}));
     Image img(100, 100, 100, 100, DISP_RECT{0, 0, 100, 100});
     ASSERT_EQ(DrawRule_V2(&store, &img.canvas), 0u);

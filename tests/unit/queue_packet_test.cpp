@@ -63,18 +63,6 @@ TEST_F(PacketQueueTest, RefusesWholeAndLogsOneRefusalInTwenty)
     EXPECT_EQ(Take(), p);
 }
 
-TEST_F(PacketQueueTest, WrapsAroundAndGrowsTheReadBuffer)
-{
-    ASSERT_EQ(QUEUE_InitPacketBuffer(&q, 2048, 20), KORVALEN_OK);
-    for (uint32_t round = 0; round < 50; ++round) {
-        uint32_t len = 500 + round * 700; // up to ~35 KB, past the 10240-byte read buffer
-        auto p = Pattern(len % 30000 + 1, static_cast<uint8_t>(round));
-        ASSERT_EQ(QUEUE_AddPacket(p.data(), static_cast<uint32_t>(p.size()), &q), KORVALEN_OK) << round;
-        EXPECT_EQ(Take(), p) << round;
-    }
-    EXPECT_GE(q.readBufSize, 30000u);
-}
-
 TEST_F(PacketQueueTest, ZeroSlotQueueAndAllocationFailure)
 {
     LogCapture log;

@@ -75,9 +75,8 @@ TEST_F(PictureQueueTest, DefaultPictureThenNewestWinsWithoutTouchingTheHeldOne)
     ASSERT_EQ(QUEUE_InitDecodedBufferQueue(&q, 3), KORVALEN_OK);
     QUEUE_PICTURE_NODE* held = nullptr;
     ASSERT_EQ(QUEUE_GetDecodeData(&q, &held), KORVALEN_OK);
-    EXPECT_EQ(held->width, 800u);
-    EXPECT_EQ(held->height, 600u);
-    EXPECT_EQ(held->defaultPicture, 1u);
+    EXPECT_EQ((std::vector<uint32_t>{held->width, held->height, held->defaultPicture}),
+              (std::vector<uint32_t>{800, 600, 1}));
     EXPECT_EQ(held->planes[0][800 * 600 - 1], 62);
     EXPECT_EQ(held->planes[1][0], 128);
     EXPECT_EQ(held->planes[2][400 * 300 - 1], 128);

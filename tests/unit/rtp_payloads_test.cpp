@@ -60,23 +60,14 @@ std::vector<Bytes> PacketizeJpeg(const JpegParts& j, uint8_t q, uint16_t seq)
 {
     std::vector<Bytes> out;
     const uint8_t type = static_cast<uint8_t>(64 + (j.lumaSampling == 0x22 ? 1 : 0));
+    const auto b = [](size_t v) { return static_cast<uint8_t>(v); };
     for (size_t off = 0; off < j.scan.size(); off += 900) {
         const size_t n = std::min<size_t>(900, j.scan.size() - off);
-        Bytes pl = {0,
-                    static_cast<uint8_t>(off >> 16),
-                    static_cast<uint8_t>(off >> 8),
-                    static_cast<uint8_t>(off),
-                    type,
-                    q,
-                    static_cast<uint8_t>(j.width / 8),
-                    static_cast<uint8_t>(j.height / 8),
-                    static_cast<uint8_t>(j.restart >> 8),
-                    static_cast<uint8_t>(j.restart),
-                    0xFF,
-                    0xFF};
+        // Main header (offset, type, Q, size in blocks), then the restart header.
+        Bytes pl = {0, b(off >> 16), b(off >> 8), b(off), type, q, b(j.width / 8), b(j.height / 8)};
+        pl.insert(pl.end(), {b(j.restart >> 8), b(j.restart), 0xFF, 0xFF});
         if (off == 0 && q >= 128) {
-            pl.insert(pl.end(),
-                      {0, 0, static_cast<uint8_t>(j.tables.size() >> 8), static_cast<uint8_t>(j.tables.size())});
+            pl.insert(pl.end(), {0, 0, b(j.tables.size() >> 8), b(j.tables.size())});
             pl.insert(pl.end(), j.tables.begin(), j.tables.end());
         }
         pl.insert(pl.end(), j.scan.begin() + static_cast<long>(off), j.scan.begin() + static_cast<long>(off + n));
@@ -280,11 +271,9 @@ TEST(RtpSender, AudioFrameIsCutInto1400BytePackets)
         uint32_t len = 1500;
         ASSERT_EQ(RTP_MakeRtpData(&s, out.data(), &len), expectRet[i]) << i;
         ASSERT_EQ(len, expectLen[i]) << i;
-        EXPECT_EQ(out[0], 0x80);
-        EXPECT_EQ(out[1], 0) << "marker ANDed with payload type 8";
-        EXPECT_EQ((out[2] << 8) | out[3], i);
-        EXPECT_EQ(out[4], 1);
-        EXPECT_EQ(out[7], 4);
+        // Version 2, the marker ANDed with payload type 8 (0), sequence i,
+        // the frame's time stamp.
+        EXPECT_EQ(Bytes(out.begin(), out.begin() + 8), (Bytes{0x80, 0, 0, static_cast<uint8_t>(i), 1, 2, 3, 4}));
         EXPECT_EQ(uint32_t(out[8] << 24 | out[9] << 16 | out[10] << 8 | out[11]), s.ssrc);
         payload.insert(payload.end(), out.begin() + 12, out.begin() + len);
     }

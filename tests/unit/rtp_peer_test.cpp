@@ -16,11 +16,11 @@ namespace {
 struct PeerCase {
     const char* name;
     const char* fixture;
-    const char* format;  // ffmpeg demuxer of the fixture and of the output
-    std::string command; // {ffmpeg}, {gst}, {file} and {port} are filled in
-    uint8_t customPt;    // payload type mapped through the custom table, 0 = none
-    uint32_t customCodec;
+    const char* format;        // ffmpeg demuxer of the fixture and of the output
+    std::string command;       // {file} and {port} are filled in
     std::set<int> packetKinds; // NAL kinds the sender is known to use
+    uint8_t customPt = 0;      // payload type mapped through the custom table, 0 = none
+    uint32_t customCodec = 0;
 };
 
 void PrintTo(const PeerCase& c, std::ostream* os)
@@ -86,62 +86,26 @@ TEST_P(RtpPeerTest, AssembledFramesDecodeLikeTheSource)
 
 std::vector<PeerCase> Peers()
 {
-    std::vector<PeerCase> v = {
-        {"ffmpeg_h265_pt108",
-         "rtp_h265.h265",
-         "hevc",
-         "{ffmpeg} -f hevc -i {file} -c:v copy -payload_type 108 -f rtp rtp://127.0.0.1:{port}",
-         0,
-         0,
-         {48, 49}},
-        {"ffmpeg_h265_custom96",
-         "rtp_h265.h265",
-         "hevc",
-         "{ffmpeg} -f hevc -i {file} -c:v copy -f rtp rtp://127.0.0.1:{port}",
-         96,
-         KORVALEN_CODEC_H265,
-         {48, 49}},
-        {"ffmpeg_mjpeg420",
-         "rtp_mjpeg420.mjpeg",
-         "mjpeg",
-         "{ffmpeg} -f mjpeg -i {file} -c:v copy -f rtp rtp://127.0.0.1:{port}",
-         0,
-         0,
-         {}},
-        {"gst_h264",
-         "rtp_h264.h264",
-         "h264",
-         "{gst}h264parse ! rtph264pay pt=96 mtu=1400 config-interval=-1 ! udpsink host=127.0.0.1 port={port}",
-         0,
-         0,
-         {7, 8, 28}},
-        {"gst_h265",
-         "rtp_h265.h265",
-         "hevc",
-         "{gst}h265parse ! rtph265pay pt=108 mtu=1400 config-interval=-1 ! udpsink host=127.0.0.1 port={port}",
-         0,
-         0,
-         {32, 33, 34, 49}},
-        {"gst_mjpeg420",
-         "rtp_mjpeg420.mjpeg",
-         "mjpeg",
-         "{gst}jpegparse ! rtpjpegpay mtu=1400 ! udpsink host=127.0.0.1 port={port}",
-         0,
-         0,
-         {}},
+    const auto ff = [](const std::string& format, const std::string& options) {
+        return std::string(kFfmpeg) + " -f " + format + " -i {file} -c:v copy" + options +
+               " -f rtp rtp://127.0.0.1:{port}";
     };
-    for (PeerCase& c : v) {
-        c.command = Replace(Replace(c.command, "{ffmpeg}", kFfmpeg), "{gst}", kGst);
-    }
-    return v;
+    const auto gst = [](const std::string& elements) {
+        return std::string(kGst) + elements + " ! udpsink host=127.0.0.1 port={port}";
+    };
+    const char *h264 = "rtp_h264.h264", *h265 = "rtp_h265.h265", *mjpeg = "rtp_mjpeg420.mjpeg";
+    return {
+        {"ffmpeg_h265_pt108", h265, "hevc", ff("hevc", " -payload_type 108"), {48, 49}},
+        {"ffmpeg_h265_custom96", h265, "hevc", ff("hevc", ""), {48, 49}, 96, KORVALEN_CODEC_H265},
+        {"ffmpeg_mjpeg420", mjpeg, "mjpeg", ff("mjpeg", ""), {}},
+        {"gst_h264", h264, "h264", gst("h264parse ! rtph264pay pt=96 mtu=1400 config-interval=-1"), {7, 8, 28}},
+        {"gst_h265", h265, "hevc", gst("h265parse ! rtph265pay pt=108 mtu=1400 config-interval=-1"), {32, 33, 34, 49}},
+        {"gst_mjpeg420", mjpeg, "mjpeg", gst("jpegparse ! rtpjpegpay mtu=1400"), {}},
+    };
 }
 
 INSTANTIATE_TEST_SUITE_P(Senders, RtpPeerTest, ::testing::ValuesIn(Peers()),
                          [](const auto& info) { return std::string(info.param.name); });
-
-} // namespace
-
-namespace {
 
 uint32_t Timestamp(const Bytes& p)
 {
@@ -227,10 +191,6 @@ INSTANTIATE_TEST_SUITE_P(Relay, RtpLossTest,
                          ::testing::Values(LossCase{"h264", "rtp_h264.h264", "h264", 7},
                                            LossCase{"mjpeg", "rtp_mjpeg420.mjpeg", "mjpeg", 11}),
                          [](const auto& info) { return std::string(info.param.name); });
-
-} // namespace
-
-namespace {
 
 struct AudioCase {
     const char* name;

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "codec_media.h"
 #include "iva/iva_port.h"
@@ -57,42 +55,23 @@ struct SeiFixture : ::testing::Test {
     }
 };
 
+// {id, class, {left, top, right, bottom}, colour, track}. The second id is
+// little-endian 00 03 next to zeros: escapes inside the entry.
 std::vector<SEIW_TARGET> Targets()
 {
-    SEIW_TARGET a;
-    a.id = 7;
-    a.cls = 0;
-    a.box[0] = 1000; // left
-    a.box[1] = 2000; // top
-    a.box[2] = 3000; // right
-    a.box[3] = 4000; // bottom
-    a.color = 5;
-    a.track = 1;
-    SEIW_TARGET b;
-    b.id = 0x0300; // little-endian 00 03 next to zeros: escapes inside the entry
-    b.cls = 1;
-    b.box[0] = 0;
-    b.box[1] = 3;
-    b.box[2] = 256;
-    b.box[3] = 9999;
-    b.color = 11;
-    return {a, b};
+    return {{7, 0, {1000, 2000, 3000, 4000}, 5, 1}, {0x0300, 1, {0, 3, 256, 9999}, 11, 0}};
 }
 
+// {kind, label, points, count (all), line colour, fill colour, line value, fill value}.
 std::vector<SEIW_RULE> Rules()
 {
-    SEIW_RULE poly;
-    poly.kind = 1;
-    poly.labelType = 4;
-    poly.points = {{1000, 1000}, {9000, 1000}, {9000, 9000}, {1000, 9000}};
-    poly.lineColor = 6;
-    poly.fillColor = 7;
-    poly.lineValue = 100;
-    poly.fillValue = 30;
-    SEIW_RULE line;
-    line.kind = 0;
-    line.points = {{0, 5000}, {10000, 5000}};
-    return {poly, line};
+    return {{1, 4, {{1000, 1000}, {9000, 1000}, {9000, 9000}, {1000, 9000}}, 0xFFFFFFFF, 6, 7, 100, 30},
+            {0, 0, {{0, 5000}, {10000, 5000}}}};
+}
+
+std::vector<uint16_t> Fisheye(const SEI_INFO& info)
+{
+    return std::vector<uint16_t>(info.fisheyeParams, info.fisheyeParams + 3);
 }
 
 } // namespace
@@ -159,9 +138,7 @@ TEST_F(SeiFixture, EveryContentKindOfOneH264AccessUnit)
     info.codingFlags = 0x31; // bits 0, 4 and 5 are not the SEI's to change
     EXPECT_EQ(Parse(KORVALEN_CODEC_H264, au), 0u);
     EXPECT_EQ(info.flags, 127u);
-    EXPECT_EQ(info.fisheyeParams[0], 0u);
-    EXPECT_EQ(info.fisheyeParams[1], 3u);
-    EXPECT_EQ(info.fisheyeParams[2], 0x0102u);
+    EXPECT_EQ(Fisheye(info), (std::vector<uint16_t>{0, 3, 0x0102}));
     EXPECT_EQ(info.voicePosition, 0x0300u);
     // 0x73 = 0111 0011: bits 5-6 (3) -> bits 1-2, bit 4 (1) -> bit 3, bits 0-1 (3) -> bits 6-7.
     EXPECT_EQ(info.codingFlags, 0x31 | 0x06 | 0x08 | 0xC0);
@@ -181,8 +158,7 @@ TEST_F(SeiFixture, EveryContentKindOfOneH264AccessUnit)
     IVA_RULE r = IVA_GetRule(store.rules, 0);
     EXPECT_EQ((std::vector<uint32_t>{r.kind, r.labelType, r.pointCount, r.lineColor, r.fillColor, r.fillValue}),
               (std::vector<uint32_t>{1, 4, 4, 6, 7, 30}));
-    EXPECT_EQ(r.points[1][0], 9000); // x
-    EXPECT_EQ(r.points[1][1], 1000); // y
+    EXPECT_EQ((std::vector<int>(r.points[1], r.points[1] + 2)), (std::vector<int>{9000, 1000})); // x, y
     EXPECT_EQ(IVA_GetRule(store.rules, 1).points[0][1], 5000);
 
     // The next access unit without SEI clears the flags but keeps the store.
@@ -198,7 +174,7 @@ TEST_F(SeiFixture, H265UnitsAndWhereTheScanStops)
     Bytes after = SeiWriter_Nal(SEIW_H265, 230, Bytes{0xFF});
     EXPECT_EQ(Parse(KORVALEN_CODEC_H265, Cat({trailN, fish, Slice(KORVALEN_CODEC_H265), after})), 0u);
     EXPECT_EQ(info.flags, static_cast<uint32_t>(SEI_FLAG_FISHEYE)); // the unit behind the slice is not read
-    EXPECT_EQ(info.fisheyeParams[2], 30u);
+    EXPECT_EQ(Fisheye(info), (std::vector<uint16_t>{10, 20, 30}));
     // H.264 numbers mean nothing special in H.265: 33 is unknown there.
     LogCapture log;
     EXPECT_EQ(Parse(KORVALEN_CODEC_H265, Cat({SeiWriter_Nal(SEIW_H265, 33, Bytes{1}), Slice(KORVALEN_CODEC_H265)})),
@@ -380,18 +356,12 @@ TEST(SeiStream, InjectedIntoEncodedStreamsReadsBack)
         // The encoder's own user-data SEI (its version text, repeated at key
         // frames) is a subtype this system does not know: counted, not fatal.
         // The stream without our units tells how many there are.
-        uint32_t encoderErrors = 0;
-        {
-            IVA_STORE s0;
-            SEI_INFO i0;
-            i0.ivaStore = &s0;
-            for (const Bytes& au : SeiWriter_SplitAccessUnits(codec, raw)) {
-                Sei_Parse(codec, au.data(), static_cast<uint32_t>(au.size()), &i0);
-            }
-            encoderErrors = i0.errorCount;
-            EXPECT_EQ(s0.version, 0u);
-            Sei_ReleaseInfo(&i0);
+        for (const Bytes& au : SeiWriter_SplitAccessUnits(codec, raw)) {
+            Sei_Parse(codec, au.data(), static_cast<uint32_t>(au.size()), &info);
         }
+        const uint32_t encoderErrors = info.errorCount;
+        EXPECT_EQ(store.version, 0u);
+        info.errorCount = 0;
         for (uint32_t n = 0; n < aus.size(); ++n) {
             Sei_Parse(codec, aus[n].data(), static_cast<uint32_t>(aus[n].size()), &info);
             const uint32_t want = SEI_FLAG_IVA_RULE | (n <= 9 ? 32u : 0u) | (n == 4 ? 8u : 0u);
@@ -401,7 +371,7 @@ TEST(SeiStream, InjectedIntoEncodedStreamsReadsBack)
                 EXPECT_EQ(IVA_GetTarget(store.results, 0).box[0], 100 + 256 * n);
             }
         }
-        EXPECT_EQ(info.fisheyeParams[2], 768u);
+        EXPECT_EQ(Fisheye(info), (std::vector<uint16_t>{0, 0, 768}));
         EXPECT_EQ(info.errorCount, encoderErrors);
         Sei_ReleaseInfo(&info);
         IVA_ReleaseStore(&store);
@@ -425,18 +395,14 @@ TEST(SeiPort, FisheyeParametersPerPort)
     const Bytes plain = Slice(KORVALEN_CODEC_H265);
     IVA_ParseFrame(Player_GetPort(port), plain.data(), static_cast<uint32_t>(plain.size()), KORVALEN_CODEC_H265);
     ASSERT_EQ(Sei_GetFisheyeParam(port, p), 0u);
-    EXPECT_EQ(p[0], 960);
-    EXPECT_EQ(p[1], 540);
-    EXPECT_EQ(p[2], 500);
+    EXPECT_EQ((std::vector<uint16_t>(p, p + 3)), (std::vector<uint16_t>{960, 540, 500}));
     // And the port now plays a fisheye stream with that lens.
     EXPECT_EQ(Korvalen_IsFishEyeStream(port), 1);
     KORVALEN_FISHEYE_STATE st{};
     KORVALEN_POINT centre{};
     uint32_t radius = 0;
     ASSERT_EQ(Korvalen_GetFishEyeParam(port, &st, &centre, &radius), 1);
-    EXPECT_EQ(centre.x, 960);
-    EXPECT_EQ(centre.y, 540);
-    EXPECT_EQ(radius, 500u);
+    EXPECT_EQ((std::vector<int64_t>{centre.x, centre.y, radius}), (std::vector<int64_t>{960, 540, 500}));
     Korvalen_FreePort(port);
     Korvalen_Cleanup();
     EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
@@ -446,20 +412,14 @@ TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
 {
     const std::string in = FixturePath("hevc_352x288_nob.hevc");
     REQUIRE_FIXTURE(in);
-    const std::string dir = ::testing::TempDir() + "/sei_tool" + std::to_string(getpid());
-    mkdir(dir.c_str(), 0700);
-    const std::string desc = dir + "/sei_desc.txt", bad = dir + "/sei_bad.txt", out = dir + "/sei_out.hevc";
-    FILE* f = std::fopen(desc.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    std::fputs("# two rules on every picture, a voice position on the third\n"
-               "*  rule line label=4 color=7 points=0,5000;10000,5000\n"
-               "*  rule polygon color=6 fill=7 fillv=50 points=1000,1000;9000,1000;9000,9000\n"
-               "2  voice 1234\n",
-               f);
-    std::fclose(f);
-    f = std::fopen(bad.c_str(), "w");
-    std::fputs("* target id=1 box=1,2,3\n", f);
-    std::fclose(f);
+    const auto text = [](const std::string& t) { return Bytes(t.begin(), t.end()); };
+    const std::string desc = SaveScratch(
+        "sei_desc.txt", text("# two rules on every picture, a voice position on the third\n"
+                             "*  rule line label=4 color=7 points=0,5000;10000,5000\n"
+                             "*  rule polygon color=6 fill=7 fillv=50 points=1000,1000;9000,1000;9000,9000\n"
+                             "2  voice 1234\n"));
+    const std::string bad = SaveScratch("sei_bad.txt", text("* target id=1 box=1,2,3\n"));
+    const std::string out = TestHome() + "/sei_out.hevc";
     const std::string tool = KORVALEN_SEI_INJECT;
     RunCommand(tool + " --codec h265 -i " + in + " -o " + out + " -d " + desc);
     const Bytes stream = RunCommand("cat " + out);
@@ -476,10 +436,9 @@ TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
     EXPECT_EQ(IVA_GetRule(store.rules, 0).points[1][0], 10000);
 
     const Bytes err = RunCommand(tool + " --codec h265 -i " + in + " -o " + out + ".2 -d " + bad + " 2>&1; echo rc=$?");
-    const std::string text(err.begin(), err.end());
-    EXPECT_NE(text.find("line 1: bad box"), std::string::npos) << text;
-    EXPECT_NE(text.find("rc=1"), std::string::npos) << text;
-    RemoveTree(dir);
+    const std::string said(err.begin(), err.end());
+    EXPECT_NE(said.find("line 1: bad box"), std::string::npos) << said;
+    EXPECT_NE(said.find("rc=1"), std::string::npos) << said;
     Sei_ReleaseInfo(&info);
     IVA_ReleaseStore(&store);
 }
