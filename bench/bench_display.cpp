@@ -16,77 +16,23 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "bench_screen.h"
+#include "bench_util.h"
 #include "display/video_display.h"
-#include "platform/qmx_heap.h"
-#include "queue/queue_picture.h"
 #include "xvfb_server.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::MakeWindow;
+using bench::Note;
+using bench::Picture;
+using bench::ServerCpuSeconds;
+using bench::Timing;
 
 double CpuSeconds()
 {
-    rusage r{};
-    getrusage(RUSAGE_SELF, &r);
-    return r.ru_utime.tv_sec + r.ru_stime.tv_sec + (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
-}
-
-// CPU seconds the X server has used: its copies of our pictures.
-double ServerCpuSeconds(pid_t pid)
-{
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    FILE* f = std::fopen(path, "r");
-    if (!f) {
-        return 0;
-    }
-    unsigned long utime = 0, stime = 0;
-    // Fields 14 and 15, after the command name in parentheses.
-    int got = std::fscanf(f, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime);
-    std::fclose(f);
-    return got == 2 ? static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK)) : 0;
-}
-
-struct Picture {
-    uint32_t w, h;
-    std::vector<uint8_t> buf;
-    QUEUE_PICTURE_NODE node;
-    Picture(uint32_t width, uint32_t height) : w(width), h(height), buf(width * height * 3 / 2)
-    {
-        for (size_t i = 0; i < buf.size(); ++i) {
-            buf[i] = static_cast<uint8_t>(i * 31 >> 4);
-        }
-        node.planes[0] = buf.data();
-        node.planes[1] = buf.data() + w * h;
-        node.planes[2] = buf.data() + w * h * 5 / 4;
-        node.lineSizes[0] = w;
-        node.lineSizes[1] = node.lineSizes[2] = w / 2;
-        node.width = w;
-        node.height = h;
-    }
-};
-
-Window MakeWindow(Display* dpy, int x, int y, unsigned w, unsigned h)
-{
-    Window win = XCreateSimpleWindow(dpy, DefaultRootWindow(dpy), x, y, w, h, 0, 0, 0);
-    XMapWindow(dpy, win);
-    XSync(dpy, False);
-    return win;
-}
-
-struct Timing {
-    double bestMs = 1e9; // the fastest batch, per picture
-    double meanMs = 0;   // all batches, per picture
-    double cpuMs = 0;    // our CPU per picture
-    double serverCpuMs = 0;
-};
-
-void Note(Timing* t, Clock::time_point t0, int n)
-{
-    double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-    t->bestMs = std::min(t->bestMs, ms / n);
-    t->meanMs += ms;
+    return bench::CpuSeconds(RUSAGE_SELF);
 }
 
 // Pictures through the display into the window, and the floor: the same
@@ -127,9 +73,7 @@ void CompareWithFloor(Window win, Picture& pic, int dw, int dh, pid_t server, Ti
         floor->cpuMs += (CpuSeconds() - cpu0) * 1000;
     }
     for (Timing* t : {display, floor}) {
-        t->meanMs /= kBatches * kBatch;
-        t->cpuMs /= kBatches * kBatch;
-        t->serverCpuMs /= kBatches * kBatch;
+        bench::Finish(t, kBatches * kBatch);
     }
     sws_freeContext(ctx);
     Video_DestroyDisplayDec(d);
