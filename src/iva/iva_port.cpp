@@ -33,40 +33,70 @@ IVA_SNAPSHOT* TakeSnapshot(PortIva& iva)
     return nullptr;
 }
 
-void ReleaseSurface(IVA_PAINT_JOB& job)
+void ReleaseSurface(IVA_SURFACE& s)
 {
-    if (job.canvas.cr) {
-        cairo_destroy(job.canvas.cr);
-        job.canvas.cr = nullptr;
+    if (s.cr) {
+        cairo_destroy(s.cr);
+        s.cr = nullptr;
     }
-    if (job.surface) {
-        cairo_surface_destroy(job.surface);
-        job.surface = nullptr;
+    if (s.surface) {
+        cairo_surface_destroy(s.surface);
+        s.surface = nullptr;
     }
-    job.surfacePixels = nullptr;
+    s.pixels = nullptr;
 }
 
-// Points the job's Cairo context at the canvas (re-made only when the image
-// changes) and sets the picture-to-image mapping.
+void ReleaseSurfaces(IVA_PAINT_JOB& job)
+{
+    for (IVA_SURFACE& s : job.surfaces) {
+        ReleaseSurface(s);
+    }
+    job.current = nullptr;
+    job.canvas.cr = nullptr;
+}
+
+bool Matches(const IVA_SURFACE& s, const DISP_CANVAS& c)
+{
+    return s.cr && s.pixels == c.pixels && s.size[0] == c.width && s.size[1] == c.height && s.size[2] == c.stride;
+}
+
+// The surface on the canvas's image: a kept one, or a new one in place of
+// the one least recently made.
+IVA_SURFACE* SurfaceFor(IVA_PAINT_JOB& job, const DISP_CANVAS& c)
+{
+    for (IVA_SURFACE& s : job.surfaces) {
+        if (Matches(s, c)) {
+            return &s;
+        }
+    }
+    IVA_SURFACE& s = job.surfaces[job.replace];
+    job.replace = (job.replace + 1) % IVA_SURFACES;
+    ReleaseSurface(s);
+    s.surface = cairo_image_surface_create_for_data(c.pixels, CAIRO_FORMAT_RGB24, static_cast<int>(c.width),
+                                                    static_cast<int>(c.height), static_cast<int>(c.stride));
+    s.cr = cairo_create(s.surface);
+    if (cairo_status(s.cr) != CAIRO_STATUS_SUCCESS) {
+        ReleaseSurface(s);
+        return nullptr;
+    }
+    s.pixels = c.pixels;
+    s.size[0] = c.width;
+    s.size[1] = c.height;
+    s.size[2] = c.stride;
+    return &s;
+}
+
+// Points the job's Cairo context at the canvas and sets the
+// picture-to-image mapping.
 bool Begin(IVA_PAINT_JOB& job, const DISP_CANVAS& c)
 {
     if (!job.store || c.source.Empty() || c.width == 0 || c.height == 0) {
         return false;
     }
-    if (job.surfacePixels != c.pixels || job.surfaceSize[0] != c.width || job.surfaceSize[1] != c.height ||
-        job.surfaceSize[2] != c.stride) {
-        ReleaseSurface(job);
-        job.surface = cairo_image_surface_create_for_data(c.pixels, CAIRO_FORMAT_RGB24, static_cast<int>(c.width),
-                                                          static_cast<int>(c.height), static_cast<int>(c.stride));
-        job.canvas.cr = cairo_create(job.surface);
-        if (cairo_status(job.canvas.cr) != CAIRO_STATUS_SUCCESS) {
-            ReleaseSurface(job);
-            return false;
-        }
-        job.surfacePixels = c.pixels;
-        job.surfaceSize[0] = c.width;
-        job.surfaceSize[1] = c.height;
-        job.surfaceSize[2] = c.stride;
+    job.current = SurfaceFor(job, c);
+    job.canvas.cr = job.current ? job.current->cr : nullptr;
+    if (!job.current) {
+        return false;
     }
     // The overlay is painted on the picture and goes wherever the picture
     // goes: scaled, letter-boxed or zoomed with it.
@@ -89,7 +119,7 @@ uint32_t PaintRules(void* user, const DISP_CANVAS& c)
         return 0;
     }
     uint32_t err = DrawRule_V2(job.store, &job.canvas);
-    cairo_surface_flush(job.surface);
+    cairo_surface_flush(job.current->surface);
     return err;
 }
 
@@ -100,7 +130,7 @@ uint32_t PaintTargets(void* user, const DISP_CANVAS& c)
         return 0;
     }
     uint32_t err = DATA_DRVDraw(job.store, &job.canvas, job.tracks, job.show, job.tracking);
-    cairo_surface_flush(job.surface);
+    cairo_surface_flush(job.current->surface);
     return err;
 }
 
@@ -108,7 +138,7 @@ uint32_t PaintTargets(void* user, const DISP_CANVAS& c)
 
 PortIva::~PortIva()
 {
-    ReleaseSurface(job);
+    ReleaseSurfaces(job);
     Sei_ReleaseInfo(&sei);
     IVA_ReleaseStore(&latest);
     for (IVA_STORE& s : byInput) {

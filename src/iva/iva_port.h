@@ -15,6 +15,7 @@
 struct PortRecord;
 struct QUEUE_ATTACHED;
 struct QUEUE_PICTURE_NODE;
+typedef struct _cairo cairo_t;
 typedef struct _cairo_surface cairo_surface_t;
 
 constexpr uint32_t IVA_SNAPSHOTS = 8;
@@ -26,6 +27,18 @@ struct IVA_SNAPSHOT {
     std::atomic<uint32_t> busy{0};
 };
 
+// A Cairo surface and context on one image the display shows.
+struct IVA_SURFACE {
+    cairo_surface_t* surface = nullptr;
+    cairo_t* cr = nullptr;
+    uint8_t* pixels = nullptr;
+    uint32_t size[3] = {}; // width, height, stride
+};
+
+// A window display takes turns between two images: one surface is kept for
+// each, so steady playback makes none.
+constexpr uint32_t IVA_SURFACES = 2;
+
 // Painting state of the render thread.
 struct IVA_PAINT_JOB {
     const IVA_STORE* store = nullptr;
@@ -33,11 +46,11 @@ struct IVA_PAINT_JOB {
     uint32_t osdStyle = 0;
     uint32_t show = 0;
     bool tracking = false;
-    IVA_CANVAS canvas;
+    IVA_CANVAS canvas; // its context is the current surface's
     IVA_TRACKS* tracks = nullptr;
-    cairo_surface_t* surface = nullptr; // kept while the image stays the same
-    uint8_t* surfacePixels = nullptr;
-    uint32_t surfaceSize[3] = {}; // width, height, stride
+    IVA_SURFACE surfaces[IVA_SURFACES];
+    IVA_SURFACE* current = nullptr;
+    uint32_t replace = 0; // the slot a new image takes next
 };
 
 struct PortIva {
