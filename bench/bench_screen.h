@@ -63,11 +63,12 @@ struct Picture {
         for (size_t i = 0; i < buf.size(); ++i) {
             buf[i] = static_cast<uint8_t>(i * 31 >> 4);
         }
-        node.planes[0] = buf.data();
-        node.planes[1] = buf.data() + w * h;
-        node.planes[2] = buf.data() + w * h * 5 / 4;
-        node.lineSizes[0] = w;
-        node.lineSizes[1] = node.lineSizes[2] = w / 2;
+        uint8_t* plane = buf.data();
+        for (int i = 0; i < 3; ++i) { // Y, then U and V at half size each way
+            node.planes[i] = plane;
+            node.lineSizes[i] = i == 0 ? w : w / 2;
+            plane += i == 0 ? w * h : w * h / 4;
+        }
         node.width = w;
         node.height = h;
     }
