@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <sys/types.h>
 #include <unistd.h>
 #include <vector>
@@ -20,17 +19,14 @@ namespace bench {
 
 using Clock = std::chrono::steady_clock;
 
-// CPU seconds of the calling thread only.
-inline double ThreadCpuSeconds()
+// CPU seconds the X server has used: its copies of our pictures.
+inline double ServerCpuSeconds(pid_t pid)
 {
-    timespec ts{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// User and system CPU seconds in a /proc/.../stat file.
-inline double StatCpuSeconds(const char* path)
-{
+    if (pid <= 0) {
+        return 0;
+    }
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     FILE* f = std::fopen(path, "r");
     if (!f) {
         return 0;
@@ -40,17 +36,6 @@ inline double StatCpuSeconds(const char* path)
     int got = std::fscanf(f, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime);
     std::fclose(f);
     return got == 2 ? static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK)) : 0;
-}
-
-// CPU seconds the X server has used: its copies of our pictures.
-inline double ServerCpuSeconds(pid_t pid)
-{
-    if (pid <= 0) {
-        return 0;
-    }
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    return StatCpuSeconds(path);
 }
 
 // A generated I420 picture in a picture node, as the render thread holds it.

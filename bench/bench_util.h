@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <initializer_list>
 #include <string>
 #include <type_traits>
@@ -118,6 +119,14 @@ inline pid_t Spawn(const std::vector<std::string>& args, bool quiet = true)
     }
     posix_spawn_file_actions_destroy(&fa);
     return pid;
+}
+
+// CPU seconds of the calling thread only.
+inline double ThreadCpuSeconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
 // Waits for one child and returns its own CPU seconds (-1 when it failed).
