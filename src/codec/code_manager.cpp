@@ -2,7 +2,12 @@
 // families, and the handle's life cycle.
 #include "codec/code_manager.h"
 
+#include <cstdarg>
 #include <cstring>
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 #include "codec/code_internal.h"
 #include "korvalen_types.h"
@@ -44,10 +49,31 @@ uint32_t CreateEncoder(uint32_t type, const CODE_PARAM* param, CODE_HANDLE* h)
     return CODE_CreateAudioEncoder(h, type, param);
 }
 
+// FFmpeg's own messages (a camera's private SEI read as truncated, a damaged
+// slice concealed) go to our log at debug level, not to the client's stderr:
+// what matters to the caller we report in our own words.
+void AvLogToOurs(void* avcl, int level, const char* fmt, va_list args)
+{
+    if (level > av_log_get_level()) {
+        return;
+    }
+    char line[512];
+    int printPrefix = 1;
+    av_log_format_line2(avcl, level, fmt, args, line, sizeof line, &printPrefix);
+    size_t n = std::strlen(line);
+    while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) {
+        line[--n] = '\0';
+    }
+    if (n > 0) {
+        KORVALEN_LOG(KORVALEN_LOG_DEBUG, "ffmpeg: %s", line);
+    }
+}
+
 } // namespace
 
 uint32_t CODE_GlobalInit()
 {
+    av_log_set_callback(AvLogToOurs);
     CODE_ProbeGpu();
     return KORVALEN_OK;
 }
@@ -55,6 +81,7 @@ uint32_t CODE_GlobalInit()
 void CODE_GlobalRelease()
 {
     CODE_ReleaseGpu();
+    av_log_set_callback(av_log_default_callback);
 }
 
 uint32_t CODE_CreateCode(uint32_t direction, uint32_t codecType, const CODE_PARAM* param, CODE_HANDLE* handle)
