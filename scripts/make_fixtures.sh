@@ -139,6 +139,9 @@ fixture file_hevc_mp2.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v
 fixture file_hevc_b_faststart.mp4 "${file_src[@]}" -c:v libx265 -preset ultrafast -tag:v hev1 \
   -x265-params log-level=error:keyint=25:min-keyint=25:open-gop=0:bframes=2 -pix_fmt yuv420p -an \
   -movflags faststart -f mp4
+# Key-frame fast forward: 12 s with a key frame every 5 frames.
+fixture file_h264_gop5.mp4 -f lavfi -i testsrc2=size=320x240:rate=25 -t 12 -c:v libx264 -preset ultrafast -g 5 \
+  -bf 0 -pix_fmt yuv420p -f mp4
 fixture file_h264_mp2.avi "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \
   -c:a mp2 -b:a 64k -f avi
 fixture file_h264_mp2.ts "${file_src[@]}" -c:v libx264 -preset ultrafast -g 25 -bf 0 -pix_fmt yuv420p \

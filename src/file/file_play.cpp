@@ -309,8 +309,12 @@ uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
     pf.current = f;
     pf.currentStamp = f.timeStamp;
     Publish(rec, f);
-    if (IsVideo(f.payloadType)) {
+    // Key-frame reading skips frames: its steps are key-frame distances,
+    // not the frame interval the fast codes multiply.
+    if (IsVideo(f.payloadType) && readMode != FILE_READ_KEY && readMode != FILE_READ_MARKED) {
         LearnRate(rec, f.timeStamp);
+    }
+    if (IsVideo(f.payloadType)) {
         const uint32_t rate = rec->stream.frameRate;
         if (rate >= 1 && rate <= 60) {
             rec->playback.fileFrameRate = rate;

@@ -152,6 +152,28 @@ TEST_F(FilePlayTest, StepsForwardAndBackSeeksAndChangesSpeed)
     ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
 }
 
+// The fast codes show key frames only, one per frame interval x factor: 16 a
+// second for code 7, whatever the distance between key frames in the file.
+TEST_F(FilePlayTest, KeyFrameFastForwardKeepsItsPace)
+{
+    std::string path = FixturePath("file_h264_gop5.mp4");
+    REQUIRE_FIXTURE(path);
+    const auto want = FfmpegFrameMd5(path);
+    OpenWithPictures(path);
+    ASSERT_EQ(Korvalen_SpeedPlay(port, 7), 1);
+    ASSERT_EQ(Korvalen_StartPlay(port, 0), 1);
+    SleepMs(1000);
+    ASSERT_EQ(Korvalen_StopPlay(port, 0), 1);
+    const auto shown = got.Md5s();
+    // 16 asked; loose bounds for a busy machine.
+    EXPECT_GE(shown.size(), 8u);
+    EXPECT_LE(shown.size(), 24u);
+    for (size_t i = 0; i < shown.size(); ++i) {
+        EXPECT_EQ(shown[i], want[5 * i]) << "key frame " << i;
+    }
+    ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+}
+
 TEST_F(FilePlayTest, RefusalsAndFileKinds)
 {
     uint32_t v = 0;
