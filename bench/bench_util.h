@@ -1,9 +1,7 @@
 // Small helpers the benchmarks share: reading a file's packets, clocks,
-// starting a child, and CPU time of this process or of one child.
+// waiting for a child, and CPU time of this process or of one child.
 #pragma once
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -22,8 +20,6 @@
 extern "C" {
 #include <libavformat/avformat.h>
 }
-
-extern char** environ;
 
 namespace bench {
 
@@ -96,29 +92,6 @@ inline double CpuSeconds(int who)
     rusage ru{};
     getrusage(who, &ru);
     return Seconds(ru);
-}
-
-// Starts a program found on PATH (or by its path); quiet: its output goes
-// to /dev/null. The child's id, or -1.
-inline pid_t Spawn(const std::vector<std::string>& args, bool quiet = true)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    if (quiet) {
-        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    }
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
 }
 
 // CPU seconds of the calling thread only.

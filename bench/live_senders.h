@@ -12,8 +12,16 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "child_process.h"
 
 namespace bench {
+
+// Starts a program found on PATH (or by its path); quiet: its output goes
+// to /dev/null. The child's id, or -1.
+inline pid_t Spawn(const std::vector<std::string>& args, bool quiet = true)
+{
+    return SpawnProcess(args, quiet ? "/dev/null" : nullptr);
+}
 
 struct LiveSetup {
     std::string sample, sender;

@@ -18,6 +18,8 @@
 
 #include <pulse/simple.h>
 
+#include "child_process.h"
+
 extern char** environ;
 
 namespace {
@@ -27,21 +29,7 @@ constexpr size_t kWindow = kRate * 2 * 4 / 10; // 400 ms of stereo samples
 
 pid_t Spawn(const std::vector<std::string>& args, const std::string& out)
 {
-    std::vector<char*> argv;
-    for (const auto& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
+    return SpawnProcess(args, out.c_str());
 }
 
 void Reap(pid_t pid, int sig)
