@@ -159,8 +159,8 @@ uint32_t Player_AFrameBack(uint32_t port)
     if (!rec) {
         return KORVALEN_ERR_PORT;
     }
-    if (!IsFilePort(rec) || !rec->file.parser.mp4Parser) {
-        return KORVALEN_ERR_NOT_SUPPORTED; // stepping back needs the MP4 sample index
+    if (!IsFilePort(rec)) {
+        return KORVALEN_ERR_NOT_SUPPORTED;
     }
     rec->file.stepDone = 0;
     rec->file.frameCtrl = 0;

@@ -79,12 +79,24 @@ void Publish(PortRecord* rec, const FileFrameInfo& f)
     sf.frameType = f.frameType;
 }
 
+// Gives a frame to the decoder without showing its picture: the frames
+// between a key frame and the one stepped back to.
+void DecodeQuietly(PortRecord* rec, const uint8_t* data, uint32_t length, uint32_t payload)
+{
+    PortStream& st = rec->stream;
+    if (st.videoOpen && st.video.codecType == static_cast<int32_t>(payload)) {
+        CODE_INPUT in{};
+        in.data = data;
+        in.length = length;
+        CODE_Decoder(&st.video, &in, &st.videoOut);
+    }
+}
+
 // One frame back (MP4): decode quietly from the key frame before the target
 // up to the frame before it, then show the target.
 void StepBack(PortRecord* rec)
 {
     PortFile& pf = rec->file;
-    PortStream& st = rec->stream;
     std::unique_lock<std::mutex> lock(pf.lock);
     Mp4Info* m = pf.parser.mp4Parser;
     if (!m || pf.lastVideoSample <= 0) {
@@ -111,12 +123,7 @@ void StepBack(PortRecord* rec)
         if (f.payloadType == KORVALEN_CODEC_H265) {
             LengthsToStartCodes(f.buffer, f.length);
         }
-        if (st.videoOpen && st.video.codecType == static_cast<int32_t>(f.payloadType)) {
-            CODE_INPUT in{};
-            in.data = f.buffer;
-            in.length = f.length;
-            CODE_Decoder(&st.video, &in, &st.videoOut); // the picture is not shown
-        }
+        DecodeQuietly(rec, f.buffer, f.length, f.payloadType);
     }
     if (MP4_MakeOneFrame(pf.parser.file, m, &m->samples[target], &f) != KORVALEN_OK) {
         return;
@@ -130,6 +137,78 @@ void StepBack(PortRecord* rec)
     Publish(rec, pf.current);
     lock.unlock();
     Stream_HandleFrame(rec);
+}
+
+// Reads video frames from a seek to `from` seconds until one at or after
+// `before` (time stamps): the key frame decoding can start at, and the last
+// frame ahead of `before`. False when no key frame comes ahead of it.
+bool ScanBack(PortFile& pf, uint32_t from, uint32_t fps, uint64_t before, uint64_t* key, uint64_t* last)
+{
+    if (File_SetPlayTime(&pf.parser, from, fps) != KORVALEN_OK) {
+        return false;
+    }
+    bool keyed = false;
+    for (;;) {
+        FileFrameInfo f{};
+        if (File_ReadOneFrame(&pf.parser, &f, FILE_READ_STEP) != KORVALEN_OK || f.timeStamp >= before) {
+            return keyed;
+        }
+        if (!keyed && f.frameType == 0) {
+            keyed = true;
+            *key = f.timeStamp;
+        }
+        *last = f.timeStamp;
+    }
+}
+
+// One frame back (MPEG-TS, AVI: no sample index): seek a little before the
+// current frame, further each time no key frame lies ahead of it; find the
+// frame before the current one, then seek again and decode quietly from the
+// key frame up to it and show it. Time stamps in decode order: a stream
+// with B-frames steps back in decode order.
+void StepBackBySeeking(PortRecord* rec)
+{
+    PortFile& pf = rec->file;
+    std::unique_lock<std::mutex> lock(pf.lock);
+    const uint64_t current = pf.lastVideoStamp;
+    uint32_t now = 0;
+    if (current == kNoVideoStamp || File_GetPlayTime(&pf.parser, &now) != KORVALEN_OK) {
+        return;
+    }
+    const uint32_t fps = rec->stream.frameRate;
+    uint64_t key = 0;
+    uint64_t target = 0;
+    uint32_t from = now;
+    for (uint32_t back = 1;; back *= 2) {
+        from = now > back ? now - back : 0;
+        if (ScanBack(pf, from, fps, current, &key, &target)) {
+            break;
+        }
+        if (from == 0) {
+            return; // the first frame: the scan has read up to it again, so going on shows the next
+        }
+    }
+    File_SetPlayTime(&pf.parser, from, fps);
+    for (;;) {
+        FileFrameInfo f{};
+        if (File_ReadOneFrame(&pf.parser, &f, FILE_READ_STEP) != KORVALEN_OK || f.timeStamp > target) {
+            return;
+        }
+        if (f.timeStamp < key) {
+            continue; // ahead of the key frame: cannot be decoded
+        }
+        if (f.timeStamp < target) {
+            DecodeQuietly(rec, f.data, f.length, f.payloadType);
+            continue;
+        }
+        pf.lastVideoStamp = target;
+        pf.current = f;
+        pf.currentStamp = f.timeStamp;
+        Publish(rec, f);
+        lock.unlock();
+        Stream_HandleFrame(rec);
+        return;
+    }
 }
 
 void SendEnd(PortRecord* rec)
@@ -158,7 +237,11 @@ void FilePlayThread(PortRecord* rec)
         previous = File_Now();
         const int32_t seek = pf.seekRequest.exchange(-1);
         if (pf.backRequest.exchange(0)) {
-            StepBack(rec);
+            if (pf.parser.mp4Parser) {
+                StepBack(rec);
+            } else {
+                StepBackBySeeking(rec);
+            }
             pf.frameCtrl = 0;
             pf.stepDone = 1;
             continue;
@@ -234,6 +317,7 @@ void ResetPlayState(PortRecord* rec)
     pf.current = FileFrameInfo{};
     pf.currentStamp = 0;
     pf.lastVideoSample = -1;
+    pf.lastVideoStamp = kNoVideoStamp;
     pf.prevVideoStamp = 0;
     pf.minVideoStep = 0;
     rec->speedFactor = 1.0f;
@@ -308,6 +392,9 @@ uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
     }
     pf.current = f;
     pf.currentStamp = f.timeStamp;
+    if (IsVideo(f.payloadType)) {
+        pf.lastVideoStamp = f.timeStamp;
+    }
     Publish(rec, f);
     // Key-frame reading skips frames: its steps are key-frame distances,
     // not the frame interval the fast codes multiply.

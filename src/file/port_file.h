@@ -11,6 +11,8 @@
 
 constexpr uint32_t kFileNameMax = 1024;
 
+constexpr uint64_t kNoVideoStamp = ~uint64_t{0};
+
 struct PortFile {
     FileParserInfo parser{};
     std::mutex lock; // the parser: the play thread, and API calls that read it
@@ -30,7 +32,8 @@ struct PortFile {
     // The last frame read (play thread; time stamp also read by the API).
     FileFrameInfo current{};
     std::atomic<uint64_t> currentStamp{0};
-    int64_t lastVideoSample = -1; // MP4: index entry of the last video frame
+    int64_t lastVideoSample = -1;            // MP4: index entry of the last video frame
+    uint64_t lastVideoStamp = kNoVideoStamp; // TS and AVI: the last video frame read
     uint64_t prevVideoStamp = 0;
     uint64_t minVideoStep = 0; // smallest positive step between video stamps
 };

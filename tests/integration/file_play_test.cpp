@@ -152,6 +152,35 @@ TEST_F(FilePlayTest, StepsForwardAndBackSeeksAndChangesSpeed)
     ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
 }
 
+// Without a sample index (MPEG-TS, AVI) a step back seeks before the frame
+// and decodes up to the one ahead of it, across a key frame too.
+TEST_F(FilePlayTest, StepsBackInFilesWithoutAnIndex)
+{
+    for (const char* name : {"file_h264_mp2.ts", "file_h264_mp2.avi"}) {
+        SCOPED_TRACE(name);
+        std::string path = FixturePath(name);
+        REQUIRE_FIXTURE(path);
+        const auto want = FfmpegFrameMd5(path, "", "-map 0:v");
+        got.Clear();
+        OpenWithPictures(path);
+        ASSERT_EQ(Korvalen_AFrameBack(port), 1); // before any frame: nothing
+        for (size_t i = 0; i < 27; ++i) {        // up to frame 26, past the key frame at 25
+            ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+        }
+        ASSERT_EQ(got.Wait(27), 27u);
+        EXPECT_EQ(Last(), want[26]);
+        for (size_t n = 1; n <= 3; ++n) {
+            ASSERT_EQ(Korvalen_AFrameBack(port), 1);
+            ASSERT_EQ(got.Wait(27 + n), 27 + n);
+            EXPECT_EQ(Last(), want[26 - n]) << "step back " << n;
+        }
+        ASSERT_EQ(Korvalen_AFrameGo(port), 1);
+        ASSERT_EQ(got.Wait(31), 31u);
+        EXPECT_EQ(Last(), want[24]);
+        ASSERT_EQ(Korvalen_CloseMediaFile(port), 1);
+    }
+}
+
 // The fast codes show key frames only, one per frame interval x factor: 16 a
 // second for code 7, whatever the distance between key frames in the file.
 TEST_F(FilePlayTest, KeyFrameFastForwardKeepsItsPace)
