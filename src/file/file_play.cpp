@@ -267,6 +267,7 @@ void FilePlayThread(PortRecord* rec)
             {
                 std::lock_guard<std::mutex> lock(pf.lock);
                 err = File_SetPlayTime(&pf.parser, static_cast<uint32_t>(seek), rec->stream.frameRate);
+                pf.keyAfterSeek = err == KORVALEN_OK && pf.parser.tsBuffer != nullptr; // an MPEG-TS file
             }
             pf.prevVideoStamp = 0;
             if (err != KORVALEN_OK) {
@@ -318,6 +319,7 @@ void ResetPlayState(PortRecord* rec)
     pf.currentStamp = 0;
     pf.lastVideoSample = -1;
     pf.lastVideoStamp = kNoVideoStamp;
+    pf.keyAfterSeek = false;
     pf.prevVideoStamp = 0;
     pf.minVideoStep = 0;
     rec->speedFactor = 1.0f;
@@ -376,6 +378,14 @@ uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
     {
         std::lock_guard<std::mutex> lock(pf.lock);
         err = File_ReadOneFrame(&pf.parser, &f, readMode);
+        // A TS seek lands on any frame: the pictures up to the next key frame
+        // cannot be decoded, so they are passed over (sound still plays).
+        while (err == KORVALEN_OK && pf.keyAfterSeek && IsVideo(f.payloadType) && f.frameType != 0) {
+            err = File_ReadOneFrame(&pf.parser, &f, readMode);
+        }
+        if (err == KORVALEN_OK && IsVideo(f.payloadType)) {
+            pf.keyAfterSeek = false;
+        }
         if (err == KORVALEN_OK && pf.parser.mp4Parser && IsVideo(f.payloadType)) {
             pf.lastVideoSample = static_cast<int64_t>(pf.parser.mp4Parser->cursor) - 1;
             if (f.payloadType == KORVALEN_CODEC_H265 && f.data == pf.parser.frameBuffer) {

@@ -34,6 +34,7 @@ struct PortFile {
     std::atomic<uint64_t> currentStamp{0};
     int64_t lastVideoSample = -1;            // MP4: index entry of the last video frame
     uint64_t lastVideoStamp = kNoVideoStamp; // TS and AVI: the last video frame read
+    bool keyAfterSeek = false;               // TS: pictures wait for a key frame after a seek
     uint64_t prevVideoStamp = 0;
     uint64_t minVideoStep = 0; // smallest positive step between video stamps
 };
