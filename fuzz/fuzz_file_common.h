@@ -1,6 +1,7 @@
 // Shared by the file-reader fuzz targets: the input becomes an in-memory
 // file with a path, opened through the container dispatcher, and every frame
-// is read in each read mode, with seeks between.
+// is read in each read mode, with seeks between; frames that are chains of
+// length-prefixed units get playback's start-code rewrite.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +13,7 @@
 
 #include "file/file_parser.h"
 #include "korvalen_types.h"
+#include "mp4/mp4_reader.h"
 #include "platform/qmx_heap.h"
 
 inline void FuzzOneFile(const uint8_t* data, size_t size)
@@ -38,6 +40,10 @@ inline void FuzzOneFile(const uint8_t* data, size_t size)
                 }
                 if (err == KORVALEN_OK && (f.length > kFileFrameBufferSize || (f.length && !f.data))) {
                     __builtin_trap();
+                }
+                // Playback's rewrite of length-prefixed H.265 samples.
+                if (err == KORVALEN_OK && f.data == info.frameBuffer && MP4_LengthPrefixed(f.data, f.length)) {
+                    MP4_ToAnnexB(info.frameBuffer, f.length);
                 }
             }
             File_SetPlayTime(&info, mode == 1 ? 0 : mode, 25);
