@@ -20,7 +20,7 @@ enum FluencyMode : uint32_t {
 struct PortPlayback {
     std::atomic<uint32_t> rendering{0}; // the render thread shall run
     std::thread renderThread;
-    uint64_t window = 0;
+    std::atomic<uint64_t> window{0}; // set by the caller, read by the decode side
     QUEUE_PICTURE_QUEUE decoded;   // decode thread -> adjustments
     QUEUE_PICTURE_QUEUE offscreen; // pictures ready to show
     uint32_t pictureBuffers = kPictureBufferCount;
