@@ -260,6 +260,7 @@ void FetchThread(PortRecord* rec)
     }
     if (!h.stop) {
         rec->stream.drainRequest = 1;
+        QUEUE_WakePacketReader(&rec->packetBuffer);
         h.lastError = KORVALEN_ERR_HLS_END;
         Report_Send(rec->port, kReportPlaybackEnd, 542, static_cast<uint32_t>(h.nextSequence), h.playlistUrl.c_str());
     }

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr uint32_t kIdleWaitMs = 20;         // new data ends the wait at once
+constexpr uint32_t kIdleWaitMs = 250;        // new data, a stop or a drain request end the wait at once
 constexpr uint32_t kMaxDrainedPictures = 32; // more than any decoder holds back
 
 bool IsVideo(uint32_t codec)
@@ -409,6 +409,7 @@ void Stream_StopDecodeThread(PortRecord* rec)
 {
     PortStream& st = rec->stream;
     st.decodeRunning = 0;
+    QUEUE_WakePacketReader(&rec->packetBuffer);
     if (st.decodeThread.joinable()) {
         st.decodeThread.join();
     }

@@ -208,7 +208,19 @@ bool QUEUE_WaitPacket(QUEUE_PACKET_BUFFER* q, uint32_t ms)
         return r != q->writeIndex.load(std::memory_order_acquire);
     };
     std::unique_lock<std::mutex> lock(q->lock);
-    return q->added.wait_for(lock, std::chrono::milliseconds(ms), waiting);
+    const uint32_t seen = q->wakeups;
+    q->added.wait_for(lock, std::chrono::milliseconds(ms), [&] { return waiting() || q->wakeups != seen; });
+    return waiting();
+}
+
+void QUEUE_WakePacketReader(QUEUE_PACKET_BUFFER* q)
+{
+    if (!q) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(q->lock);
+    ++q->wakeups;
+    q->added.notify_all();
 }
 
 uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q)

@@ -24,6 +24,7 @@ struct QUEUE_PACKET_BUFFER {
     uint32_t heldSlots = 0;        // reader: slot handed out in place, freed at the next get
     std::mutex lock;               // serialises writers
     std::condition_variable added; // a reader with nothing to do waits here
+    uint32_t wakeups = 0;          // under lock: QUEUE_WakePacketReader calls
 };
 
 // Allocates the ring and the 10240-byte read buffer. 0, or 3 on no memory.
@@ -56,6 +57,9 @@ bool QUEUE_IsFrameEndPacket(const uint8_t* data, uint32_t length, const RTP_PAYL
 // Waits up to ms for a packet beyond the one handed out last, so an idle
 // reader sleeps until data comes instead of polling. True when one is there.
 bool QUEUE_WaitPacket(QUEUE_PACKET_BUFFER* q, uint32_t ms);
+// Ends a reader's wait without data: it has something else to see to (a
+// stop, a drain request).
+void QUEUE_WakePacketReader(QUEUE_PACKET_BUFFER* q);
 
 // Occupied slots, (write - read + count) mod count.
 uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q);

@@ -1,5 +1,6 @@
 // Idle readers sleep on the queues until data comes: the wait ends when a
-// writer adds, not before, and a packet already handed out does not count.
+// writer adds (or a wake asks the reader to look round), not before, and a
+// packet already handed out does not count.
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -40,6 +41,19 @@ TEST(QueueWait, PacketReaderWakesForNewDataOnly)
     EXPECT_EQ(length, 200u);
     EXPECT_EQ(data[199], 7);
     EXPECT_FALSE(QUEUE_WaitPacket(&q, 1));
+
+    // A wake (a stop, a drain request) ends a long wait with nothing to read.
+    std::atomic<int> woken{-1};
+    std::thread reader([&] { woken = QUEUE_WaitPacket(&q, 60000) ? 1 : 0; });
+    for (int i = 0; i < 200 && woken < 0; ++i) {
+        QUEUE_WakePacketReader(&q); // again and again: the reader may not wait yet
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(woken.load(), 0);
+    if (woken < 0) {
+        QUEUE_AddPacket(small, sizeof small, &q); // let the reader go
+    }
+    reader.join();
     QUEUE_ReleasePacketBuffer(&q);
     EXPECT_FALSE(QUEUE_WaitPacket(&q, 1)) << "released";
 }
