@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t kIdleSleepMs = 5;
 constexpr uint32_t kNoPictureSleepMs = 2;
-constexpr uint32_t kPictureWaitMs = 20; // a new picture ends the wait at once
+constexpr uint32_t kPictureWaitMs = 250; // a new picture or a stop ends the wait at once
 constexpr uint32_t kFirstFrameSleepMs = 10;
 constexpr uint32_t kIntervalCap = 60;
 constexpr uint32_t kMinInterval = 5;
@@ -219,6 +219,7 @@ uint32_t Player_StopPlay(uint32_t port, uint64_t)
         File_OnPlayState(rec, false);
     }
     pb.rendering = 0;
+    QUEUE_WakePictureReader(&pb.offscreen);
     if (pb.renderThread.joinable()) {
         pb.renderThread.join();
     }

@@ -241,10 +241,21 @@ bool QUEUE_WaitPicture(QUEUE_PICTURE_QUEUE* q, uint32_t ms)
     if (!q) {
         return false;
     }
+    auto waiting = [q] { return q->nodes && (q->nodeCount == 1 ? q->nodes->buffer != nullptr : q->read != q->write); };
     std::unique_lock<std::mutex> lock(q->lock);
-    return q->added.wait_for(lock, std::chrono::milliseconds(ms), [q] {
-        return q->nodes && (q->nodeCount == 1 ? q->nodes->buffer != nullptr : q->read != q->write);
-    });
+    const uint32_t seen = q->wakeups;
+    q->added.wait_for(lock, std::chrono::milliseconds(ms), [&] { return waiting() || q->wakeups != seen; });
+    return waiting();
+}
+
+void QUEUE_WakePictureReader(QUEUE_PICTURE_QUEUE* q)
+{
+    if (!q) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(q->lock);
+    ++q->wakeups;
+    q->added.notify_all();
 }
 
 uint32_t QUEUE_GetDecodeData(QUEUE_PICTURE_QUEUE* q, QUEUE_PICTURE_NODE** node)

@@ -50,6 +50,7 @@ struct QUEUE_PICTURE_QUEUE {
     uint32_t dropped = 0; // unread pictures given up for newer ones
     std::mutex lock;
     std::condition_variable added; // the renderer waits here for a picture
+    uint32_t wakeups = 0;          // under lock: QUEUE_WakePictureReader calls
 };
 
 // Decoded-picture queue: node count nodes, the first holding an 800 x 600
@@ -71,6 +72,8 @@ uint32_t QUEUE_GetDecodeData(QUEUE_PICTURE_QUEUE* q, QUEUE_PICTURE_NODE** node);
 // Waits up to ms for a picture to take, so the renderer sleeps until one is
 // decoded instead of polling. True when there is one.
 bool QUEUE_WaitPicture(QUEUE_PICTURE_QUEUE* q, uint32_t ms);
+// Ends the renderer's wait without a picture (a stop).
+void QUEUE_WakePictureReader(QUEUE_PICTURE_QUEUE* q);
 
 // Pictures written and not yet taken.
 uint32_t QUEUE_PictureCount(QUEUE_PICTURE_QUEUE* q);

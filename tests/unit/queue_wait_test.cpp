@@ -83,5 +83,18 @@ TEST(QueueWait, RendererWakesForANewPicture)
     ASSERT_EQ(QUEUE_GetDecodeData(&q, &held), KORVALEN_OK);
     EXPECT_EQ(held->planes[0][0], 50);
     EXPECT_FALSE(QUEUE_WaitPicture(&q, 1)) << "the held picture is not a new one";
+
+    // A stop wakes the renderer with no picture to show.
+    std::atomic<int> woken{-1};
+    std::thread renderer([&] { woken = QUEUE_WaitPicture(&q, 60000) ? 1 : 0; });
+    for (int i = 0; i < 200 && woken < 0; ++i) {
+        QUEUE_WakePictureReader(&q);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(woken.load(), 0);
+    if (woken < 0) {
+        QUEUE_AddDecodeData(&pic, &q); // let the renderer go
+    }
+    renderer.join();
     QUEUE_ReleasePictureQueue(&q);
 }
