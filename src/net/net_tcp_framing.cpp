@@ -42,6 +42,9 @@ uint32_t ReceiveMore(PortNet* net, uint32_t port, NetRecvFn recv, void* ctx)
 void Resync(PortNet* net, uint32_t port, uint32_t from)
 {
     uint32_t k = FindHeader(net->recvBuf, net->recvLen, from);
+    if (k == net->recvLen && net->recvLen - 1 >= from && net->recvBuf[net->recvLen - 1] == '$') {
+        k = net->recvLen - 1; // a header cut after its first byte: the rest comes with the next read
+    }
     KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_RecvPacketEx fail, not find magic, offset(%d)", port, k);
     if (k < net->recvLen) {
         net->carryLen = net->recvLen - k;

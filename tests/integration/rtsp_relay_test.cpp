@@ -6,8 +6,10 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <mutex>
 #include <netinet/in.h>
 #include <regex>
 #include <string>
@@ -145,13 +147,42 @@ struct Relay {
                                     std::to_string(2 * track + 1) + "\r\n"));
             }
             ASSERT_TRUE(ask("PLAY", url, "Range: npt=0.000-\r\n"));
-            std::vector<char> buf(rest.begin(), rest.end());
-            std::vector<char> more(65536);
+            // The server's bytes are taken as fast as they come, into a
+            // queue of our own: a server whose TCP reader falls behind drops
+            // packets, and the tiny writes below are slow on a busy machine.
+            std::mutex lock;
+            std::condition_variable came;
+            std::string pending = rest;
+            bool ended = false;
+            std::thread reader([&] {
+                std::vector<char> more(65536);
+                while (!stop) {
+                    const ssize_t n = recv(fd, more.data(), more.size(), 0);
+                    std::lock_guard<std::mutex> g(lock);
+                    if (n <= 0) {
+                        ended = true;
+                        came.notify_one();
+                        return;
+                    }
+                    pending.append(more.data(), static_cast<size_t>(n));
+                    came.notify_one();
+                }
+            });
             // Awkward splits: runs of 1 to 13 bytes, cut through "$" headers
             // and RTP headers alike.
             static const size_t kCuts[] = {1, 1, 2, 3, 1, 5, 7, 1, 11, 13};
             size_t cut = 0;
+            std::string buf;
             while (!stop) {
+                {
+                    std::unique_lock<std::mutex> g(lock);
+                    came.wait_for(g, std::chrono::milliseconds(100), [&] { return !pending.empty() || ended; });
+                    if (pending.empty() && ended) {
+                        break;
+                    }
+                    buf.swap(pending);
+                    pending.clear();
+                }
                 for (size_t i = 0; i < buf.size();) {
                     size_t n = oneByte ? std::min(kCuts[cut++ % 10], buf.size() - i) : buf.size() - i;
                     ssize_t w = send(player, buf.data() + i, n, MSG_NOSIGNAL);
@@ -164,12 +195,9 @@ struct Relay {
                 for (size_t i = 0; i + 1 < buf.size(); ++i) {
                     rtcpFrames += buf[i] == '$' && (buf[i + 1] == 1 || buf[i + 1] == 3);
                 }
-                ssize_t n = recv(fd, more.data(), more.size(), 0);
-                if (n <= 0) {
-                    break;
-                }
-                buf.assign(more.begin(), more.begin() + n);
             }
+            shutdown(fd, SHUT_RDWR); // ends the reader's recv
+            reader.join();
             close(fd);
             close(player);
         });
