@@ -131,7 +131,7 @@ uint32_t AddPacket(const uint8_t* data, uint32_t length, QUEUE_PACKET_BUFFER* q,
         q->frameCount.fetch_add(1, std::memory_order_relaxed);
     }
     q->writeIndex.store(idx, std::memory_order_release);
-    q->added.notify_one();
+    q->reader.added.notify_one();
     return KORVALEN_OK;
 }
 
@@ -207,10 +207,7 @@ bool QUEUE_WaitPacket(QUEUE_PACKET_BUFFER* q, uint32_t ms)
         }
         return r != q->writeIndex.load(std::memory_order_acquire);
     };
-    std::unique_lock<std::mutex> lock(q->lock);
-    const uint32_t seen = q->wakeups;
-    q->added.wait_for(lock, std::chrono::milliseconds(ms), [&] { return waiting() || q->wakeups != seen; });
-    return waiting();
+    return QUEUE_WaitReady(q->lock, q->reader, ms, waiting);
 }
 
 void QUEUE_WakePacketReader(QUEUE_PACKET_BUFFER* q)
@@ -218,9 +215,7 @@ void QUEUE_WakePacketReader(QUEUE_PACKET_BUFFER* q)
     if (!q) {
         return;
     }
-    std::lock_guard<std::mutex> lock(q->lock);
-    ++q->wakeups;
-    q->added.notify_all();
+    QUEUE_WakeReader(q->lock, q->reader);
 }
 
 uint32_t QUEUE_OccupiedSlots(const QUEUE_PACKET_BUFFER* q)

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "queue/queue_wait.h"
+
 struct RTP_PAYLOAD_TABLE;
 
 struct QUEUE_PACKET_BUFFER {
@@ -21,10 +23,9 @@ struct QUEUE_PACKET_BUFFER {
     uint32_t fullCount = 0;              // refused adds, thins out the "full" log
     std::atomic<uint32_t> frameCount{0}; // whole video frames waiting
     uint32_t readBufSize = 0;
-    uint32_t heldSlots = 0;        // reader: slot handed out in place, freed at the next get
-    std::mutex lock;               // serialises writers
-    std::condition_variable added; // a reader with nothing to do waits here
-    uint32_t wakeups = 0;          // under lock: QUEUE_WakePacketReader calls
+    uint32_t heldSlots = 0;   // reader: slot handed out in place, freed at the next get
+    std::mutex lock;          // serialises writers
+    QUEUE_READER_WAIT reader; // a reader with nothing to do waits here
 };
 
 // Allocates the ring and the 10240-byte read buffer. 0, or 3 on no memory.

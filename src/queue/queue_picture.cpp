@@ -232,7 +232,7 @@ uint32_t QUEUE_AddDecodeData(const QUEUE_PICTURE* pic, QUEUE_PICTURE_QUEUE* q)
         q->write = node->next;
     }
     q->hasPicture = 1;
-    q->added.notify_one();
+    q->reader.added.notify_one();
     return KORVALEN_OK;
 }
 
@@ -242,10 +242,7 @@ bool QUEUE_WaitPicture(QUEUE_PICTURE_QUEUE* q, uint32_t ms)
         return false;
     }
     auto waiting = [q] { return q->nodes && (q->nodeCount == 1 ? q->nodes->buffer != nullptr : q->read != q->write); };
-    std::unique_lock<std::mutex> lock(q->lock);
-    const uint32_t seen = q->wakeups;
-    q->added.wait_for(lock, std::chrono::milliseconds(ms), [&] { return waiting() || q->wakeups != seen; });
-    return waiting();
+    return QUEUE_WaitReady(q->lock, q->reader, ms, waiting);
 }
 
 void QUEUE_WakePictureReader(QUEUE_PICTURE_QUEUE* q)
@@ -253,9 +250,7 @@ void QUEUE_WakePictureReader(QUEUE_PICTURE_QUEUE* q)
     if (!q) {
         return;
     }
-    std::lock_guard<std::mutex> lock(q->lock);
-    ++q->wakeups;
-    q->added.notify_all();
+    QUEUE_WakeReader(q->lock, q->reader);
 }
 
 uint32_t QUEUE_GetDecodeData(QUEUE_PICTURE_QUEUE* q, QUEUE_PICTURE_NODE** node)

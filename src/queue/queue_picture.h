@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "queue/queue_wait.h"
+
 // An object that travels with a picture (overlay data, stream metadata) and
 // is released when its node is reused or the queue is released.
 struct QUEUE_ATTACHED {
@@ -49,8 +51,7 @@ struct QUEUE_PICTURE_QUEUE {
     uint32_t hasPicture = 0;
     uint32_t dropped = 0; // unread pictures given up for newer ones
     std::mutex lock;
-    std::condition_variable added; // the renderer waits here for a picture
-    uint32_t wakeups = 0;          // under lock: QUEUE_WakePictureReader calls
+    QUEUE_READER_WAIT reader; // the renderer waits here for a picture
 };
 
 // Decoded-picture queue: node count nodes, the first holding an 800 x 600

@@ -226,13 +226,13 @@ TEST_F(VoiceMicTest, TalkCancelsTheEchoOfWhatThePortPlays)
     constexpr uint32_t kRate = 16000, kChunk = kRate / 100;
     FedMicrophone fed;
     ASSERT_TRUE(fed.Start(server));
-    pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 1};
+    pa_sample_spec format{PA_SAMPLE_S16LE, kRate, 1};
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.fragsize = kChunk * 2;
     int err = 0;
-    pa_simple* speaker =
-        pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "room", &spec, nullptr, &attr, &err);
+    pa_simple* speaker = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_RECORD, "knull.monitor", "room", &format,
+                                       nullptr, &attr, &err);
     ASSERT_NE(speaker, nullptr);
     std::atomic<bool> stop{false};
     std::vector<int16_t> played; // what the speaker gave the room

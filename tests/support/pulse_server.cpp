@@ -310,7 +310,7 @@ bool FedMicrophone::Start(const PulseServer& server)
     if (!Pactl(m_dir, {"set-default-source", "kfed.monitor"}, nullptr)) {
         return false;
     }
-    pa_sample_spec spec{PA_SAMPLE_S16LE, 16000, 1};
+    pa_sample_spec format{PA_SAMPLE_S16LE, 16000, 1};
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.tlength = 16000 * 2 * 40 / 1000; // a short queue keeps the writer in real time
@@ -318,7 +318,7 @@ bool FedMicrophone::Start(const PulseServer& server)
     attr.minreq = static_cast<uint32_t>(-1);
     attr.fragsize = static_cast<uint32_t>(-1);
     int err = 0;
-    m_conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_PLAYBACK, "kfed", "microphone feed", &spec, nullptr,
+    m_conn = pa_simple_new(nullptr, "korvalen-test", PA_STREAM_PLAYBACK, "kfed", "microphone feed", &format, nullptr,
                            &attr, &err);
     return m_conn != nullptr;
 }
