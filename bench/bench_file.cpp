@@ -18,7 +18,7 @@
 #include "bench_util.h"
 #include "file/file_parser.h"
 #include "korvalen_types.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 #ifndef KORVALEN_FIXTURES
 #define KORVALEN_FIXTURES "build/fixtures"

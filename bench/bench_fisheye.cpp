@@ -18,7 +18,7 @@ extern "C" {
 
 #include "fisheye/fisheye_remap.h"
 #include "fisheye/fisheye_view.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -29,8 +29,8 @@ extern "C" {
 #include "display/video_display.h"
 #include "iva/iva_port.h"
 #include "korvalen.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "sei_writer.h"
 #include "xvfb_server.h"
 

@@ -21,7 +21,7 @@ extern "C" {
 #include <libavutil/fifo.h>
 }
 
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "queue/queue_packet.h"
 
 namespace {

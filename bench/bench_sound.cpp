@@ -16,8 +16,8 @@
 
 #include "audio/audio_port.h"
 #include "korvalen.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "pulse_server.h"
 
 extern char** environ;

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "korvalen_types.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
 #include "player/stream_decode.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -6,7 +6,7 @@
 #include "audio/pulse_play.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 constexpr int32_t kSilence = -10000;

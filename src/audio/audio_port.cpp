@@ -6,8 +6,8 @@
 #include "audio/mic_capture.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include "audio/audio_device.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
-#include "player/report.h"
+#include "heap/qmx_heap.h"
+#include "report/report.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include "log/log.h"
 #include "net/rtp.h"
 #include "net/rtp_bytes.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "port/port_table.h"
 
 namespace {
 

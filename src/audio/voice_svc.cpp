@@ -6,9 +6,9 @@
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "player/player_api.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port.h"
+#include "port/port_table.h"
 
 namespace {
 

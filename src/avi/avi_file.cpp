@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "korvalen_types.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -12,7 +12,7 @@ extern "C" {
 #include "codec/code_internal.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // Codec manager entry points: type and direction checks, dispatch to the codec
 // families, and the handle's life cycle.
 #include "codec/code_manager.h"
+#include "media/codec_facts.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -12,24 +13,13 @@ extern "C" {
 #include "codec/code_internal.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 
-bool IsVideo(uint32_t type)
-{
-    return type == KORVALEN_CODEC_H264 || type == KORVALEN_CODEC_H265;
-}
-
-bool IsAudio(uint32_t type)
-{
-    return type == KORVALEN_CODEC_G711U || type == KORVALEN_CODEC_G711A || type == KORVALEN_CODEC_MP2 ||
-           type == KORVALEN_CODEC_AAC || type == KORVALEN_CODEC_PCM;
-}
-
 uint32_t CreateDecoder(uint32_t type, const CODE_PARAM* param, CODE_HANDLE* h, bool gpu)
 {
-    if (IsVideo(type)) {
+    if (Codec_IsNal(type)) {
         return CODE_CreateVideoDecoder(h, type, param, gpu);
     }
     if (type == KORVALEN_CODEC_MJPEG) {
@@ -40,7 +30,7 @@ uint32_t CreateDecoder(uint32_t type, const CODE_PARAM* param, CODE_HANDLE* h, b
 
 uint32_t CreateEncoder(uint32_t type, const CODE_PARAM* param, CODE_HANDLE* h)
 {
-    if (IsVideo(type)) {
+    if (Codec_IsNal(type)) {
         return KORVALEN_ERR_NOT_SUPPORTED;
     }
     if (type == KORVALEN_CODEC_MJPEG) {
@@ -137,7 +127,7 @@ uint32_t CODE_Decoder(CODE_HANDLE* handle, const CODE_INPUT* input, CODE_OUTPUT*
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "CODE_Decoder fail, Param is null");
         return KORVALEN_ERR_INVALID_PARAM;
     }
-    if (IsVideo(type)) {
+    if (Codec_IsNal(type)) {
         return CODE_DecodeVideo(handle, input, output);
     }
     if (type == KORVALEN_CODEC_MJPEG) {
@@ -185,11 +175,11 @@ uint32_t CODE_FreeCode(CODE_HANDLE* handle)
         auto type = static_cast<uint32_t>(handle->codecType);
         if (type == KORVALEN_CODEC_MJPEG) {
             CODE_FreeJpeg(handle);
-        } else if (handle->direction == CODE_DIR_DECODER && IsVideo(type)) {
+        } else if (handle->direction == CODE_DIR_DECODER && Codec_IsNal(type)) {
             CODE_FreeVideoDecoder(handle);
-        } else if (handle->direction == CODE_DIR_DECODER && IsAudio(type)) {
+        } else if (handle->direction == CODE_DIR_DECODER && Codec_IsAudio(type)) {
             CODE_FreeAudioDecoder(handle);
-        } else if (handle->direction == CODE_DIR_ENCODER && IsAudio(type)) {
+        } else if (handle->direction == CODE_DIR_ENCODER && Codec_IsAudio(type)) {
             CODE_FreeAudioEncoder(handle);
         }
     }

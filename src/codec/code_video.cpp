@@ -15,7 +15,7 @@ extern "C" {
 #include "codec/code_video_decoder.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -6,7 +6,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 constexpr int32_t kNeutralHue = 10;

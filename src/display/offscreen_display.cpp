@@ -1,6 +1,6 @@
 #include "display/offscreen_display.h"
 
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 COffscreenDisplay::~COffscreenDisplay()
 {

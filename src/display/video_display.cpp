@@ -6,7 +6,7 @@
 #include "display/x11_connection.h"
 #include "display/x11_display.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "queue/queue_picture.h"
 
 namespace {

@@ -2,8 +2,8 @@
 // display settings, which the display reads for every picture.
 #include "display/video_display.h"
 #include "log/log.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "display/x11_connection.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include "file/qmx_file.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 
 namespace {
 

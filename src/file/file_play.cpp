@@ -1,5 +1,6 @@
 // Opening and closing a media file on a port, and the file play thread.
 #include "file/file_play.h"
+#include "media/codec_facts.h"
 
 #include <cstring>
 #include <mutex>
@@ -10,20 +11,15 @@
 #include "log/log.h"
 #include "mp4/mp4_reader.h"
 #include "platform/platform.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
-#include "player/report.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
+#include "report/report.h"
 #include "player/stream_decode.h"
 
 namespace {
 
 constexpr uint32_t kPausedSleepMs = 50;
 constexpr uint32_t kDefaultRate = 25;
-
-bool IsVideo(uint32_t payload)
-{
-    return payload == KORVALEN_CODEC_H264 || payload == KORVALEN_CODEC_MJPEG || payload == KORVALEN_CODEC_H265;
-}
 
 // An MP4 reader hands H.265 samples over as stored, each unit behind a 4-byte
 // length. The stream probes and the decoder read start codes, so a sample
@@ -298,7 +294,7 @@ void FilePlayThread(PortRecord* rec)
         }
         // The recorder takes the frame here once recording lands.
         Stream_HandleFrame(rec);
-        if (IsVideo(pf.current.payloadType) && mode != 0) {
+        if (Codec_IsVideo(pf.current.payloadType) && mode != 0) {
             Player_FileSleepProc(&previous, rec->speedFactor, rec);
         }
     }
@@ -380,13 +376,13 @@ uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
         err = File_ReadOneFrame(&pf.parser, &f, readMode);
         // A TS seek lands on any frame: the pictures up to the next key frame
         // cannot be decoded, so they are passed over (sound still plays).
-        while (err == KORVALEN_OK && pf.keyAfterSeek && IsVideo(f.payloadType) && f.frameType != 0) {
+        while (err == KORVALEN_OK && pf.keyAfterSeek && Codec_IsVideo(f.payloadType) && f.frameType != 0) {
             err = File_ReadOneFrame(&pf.parser, &f, readMode);
         }
-        if (err == KORVALEN_OK && IsVideo(f.payloadType)) {
+        if (err == KORVALEN_OK && Codec_IsVideo(f.payloadType)) {
             pf.keyAfterSeek = false;
         }
-        if (err == KORVALEN_OK && pf.parser.mp4Parser && IsVideo(f.payloadType)) {
+        if (err == KORVALEN_OK && pf.parser.mp4Parser && Codec_IsVideo(f.payloadType)) {
             pf.lastVideoSample = static_cast<int64_t>(pf.parser.mp4Parser->cursor) - 1;
             if (f.payloadType == KORVALEN_CODEC_H265 && f.data == pf.parser.frameBuffer) {
                 LengthsToStartCodes(pf.parser.frameBuffer, f.length);
@@ -402,16 +398,16 @@ uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode)
     }
     pf.current = f;
     pf.currentStamp = f.timeStamp;
-    if (IsVideo(f.payloadType)) {
+    if (Codec_IsVideo(f.payloadType)) {
         pf.lastVideoStamp = f.timeStamp;
     }
     Publish(rec, f);
     // Key-frame reading skips frames: its steps are key-frame distances,
     // not the frame interval the fast codes multiply.
-    if (IsVideo(f.payloadType) && readMode != FILE_READ_KEY && readMode != FILE_READ_MARKED) {
+    if (Codec_IsVideo(f.payloadType) && readMode != FILE_READ_KEY && readMode != FILE_READ_MARKED) {
         LearnRate(rec, f.timeStamp);
     }
-    if (IsVideo(f.payloadType)) {
+    if (Codec_IsVideo(f.payloadType)) {
         const uint32_t rate = rec->stream.frameRate;
         if (rate >= 1 && rate <= 60) {
             rec->playback.fileFrameRate = rate;

@@ -7,8 +7,8 @@
 
 #include "fisheye/fisheye_port.h"
 #include "platform/platform.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #endif
 
 #include "korvalen_types.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include "hls/hls_fetch.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
-#include "player/report.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
+#include "report/report.h"
 #include "player/stream_decode.h"
 
 namespace {

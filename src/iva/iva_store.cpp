@@ -5,7 +5,7 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "sei/sei_parse.h"
 
 namespace {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -11,7 +12,6 @@
 
 #include "log/log.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
 
 namespace {
 
@@ -127,7 +127,7 @@ uint32_t LOGFILE_Open()
     if (++g_initNum != 1) {
         return 0;
     }
-    auto* ctx = static_cast<LogContext*>(QMX_HeapMalloc(sizeof(LogContext)));
+    auto* ctx = static_cast<LogContext*>(std::calloc(1, sizeof(LogContext)));
     if (!ctx) {
         --g_initNum;
         return KORVALEN_ERR_NO_MEMORY;
@@ -141,7 +141,7 @@ uint32_t LOGFILE_Open()
         std::lock_guard<std::mutex> lock(g_ctxMutex);
         g_ctx = nullptr;
         g_threshold.store(0);
-        QMX_HeapFree(ctx);
+        std::free(ctx);
         --g_initNum;
         return 1;
     }
@@ -165,7 +165,7 @@ void LOGFILE_Close()
         if (g_ctx->file) {
             std::fclose(g_ctx->file);
         }
-        QMX_HeapFree(g_ctx);
+        std::free(g_ctx);
         g_ctx = nullptr;
     }
     g_threshold.store(0);

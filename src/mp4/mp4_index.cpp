@@ -6,7 +6,7 @@
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "mp4/mp4_reader.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "net/rtp_bytes.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 
 namespace {
 

@@ -8,12 +8,13 @@
 #include <sys/socket.h>
 
 #include "log/log.h"
+#include "media/codec_facts.h"
 #include "net/rtp.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
-#include "player/report.h"
+#include "heap/qmx_heap.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
+#include "report/report.h"
 #include "player/stream_decode.h"
 #include "record/record.h"
 
@@ -103,7 +104,7 @@ void RecvThread(PortRecord* rec)
         // them go through the reordering queue (aggregation packets too, or
         // the queue would wait for their numbers and give packets up).
         if (len >= 12 && (pkt[0] & 0xC0) == 0x80 &&
-            RTP_IsVideoCodec(RTP_LookupCodec(pkt[1] & 0x7F, &rec->stream.payloads))) {
+            Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, &rec->stream.payloads))) {
             uint32_t err = QUEUE_AddAdjustPktSeqData(pkt, len, &n.reorder);
             if (err != KORVALEN_OK) {
                 KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QUEUE_AddAdjustPktSeqData failed, error(0x%x)", port, err);

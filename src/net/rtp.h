@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "korvalen_types.h"
-#include "net/rtp_payload.h"
+#include "media/rtp_payload.h"
 
 // Codes of this module beyond the public table.
 constexpr uint32_t RTP_ERR_MALFORMED = 1;

@@ -1,6 +1,7 @@
 // RTP header parsing, the per-codec sequence check and the packet tests used
 // before reordering.
 #include "log/log.h"
+#include "media/codec_facts.h"
 #include "net/rtp.h"
 #include "net/rtp_bytes.h"
 
@@ -29,7 +30,7 @@ uint32_t CheckSequence(uint16_t seq, uint32_t codec, RTP_STREAM_INFO* s)
 {
     const uint16_t bit = static_cast<uint16_t>(1u << codec);
     if ((s->seqSeen & bit) && seq != static_cast<uint16_t>(s->lastSeq[codec] + 1)) {
-        bool codecSwitch = s->prevCodec != codec && RTP_IsVideoCodec(s->prevCodec) && RTP_IsVideoCodec(codec) &&
+        bool codecSwitch = s->prevCodec != codec && Codec_IsVideo(s->prevCodec) && Codec_IsVideo(codec) &&
                            seq == static_cast<uint16_t>(s->prevSeq + 1);
         if (!codecSwitch && codec != KORVALEN_CODEC_IVA) {
             KORVALEN_LOG(KORVALEN_LOG_INFO, "Cur Num:%d, Pro Num:%d", seq, s->lastSeq[codec]);
@@ -264,7 +265,7 @@ uint32_t RTP_IsVideoMarkerPacket(const uint8_t* pkt, uint32_t len, const RTP_PAY
     if (!pkt || len < kRtpHeaderLen || (pkt[0] >> 6) != 2 || !(pkt[1] & 0x80)) {
         return 0;
     }
-    return RTP_IsVideoCodec(RTP_LookupCodec(pkt[1] & 0x7F, custom)) ? 1 : 0;
+    return Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, custom)) ? 1 : 0;
 }
 
 uint32_t RTP_TypeToRtpPayload(uint32_t codecType, uint8_t* payloadType)

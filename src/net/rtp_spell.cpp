@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "log/log.h"
+#include "media/codec_facts.h"
 #include "net/rtp.h"
 #include "net/rtp_bytes.h"
 
@@ -291,7 +292,7 @@ uint32_t RTP_SpellFrame(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TABL
     if (len < kRtpHeaderLen) {
         return KORVALEN_ERR_NEED_MORE_DATA;
     }
-    RTP_STREAM_INFO* s = RTP_IsVideoCodec(RTP_LookupCodec(pkt[1] & 0x7F, custom)) ? video : audio;
+    RTP_STREAM_INFO* s = Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, custom)) ? video : audio;
     if (s->complete) {
         // The previous frame has been handed on: start a new one.
         s->frameLen = 0;
@@ -330,7 +331,7 @@ uint32_t RTP_SpellFrame(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TABL
     }
 
     bool complete;
-    if (RTP_IsVideoCodec(info.codecType)) {
+    if (Codec_IsVideo(info.codecType)) {
         const bool fuEnd = (info.nalKind == RTP_NAL_FU_A || info.nalKind == RTP_NAL_H265_FU) && info.fuEnd;
         complete = info.marker || fuEnd;
     } else {

@@ -1,7 +1,7 @@
 // Data-callback setters: each stores its callback, user pointer and option
 // word in the port record; the pipeline reads them at the next frame.
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 
 namespace {
 

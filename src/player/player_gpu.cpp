@@ -5,9 +5,9 @@
 
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "player/player_gpu.h"
-#include "player/port_table.h"
+#include "port/port_table.h"
 
 namespace {
 

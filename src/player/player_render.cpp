@@ -7,9 +7,9 @@
 #include "display/video_display.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "player/player_pacing.h"
-#include "player/port_table.h"
+#include "port/port_table.h"
 
 namespace {
 

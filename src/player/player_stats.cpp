@@ -1,6 +1,6 @@
 // Statistics getters: what the port's decode side has learnt of the stream.
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 
 uint32_t Player_GetFrameRate(uint32_t port, uint32_t* frameRate)
 {

@@ -8,7 +8,7 @@
 
 #include "codec/code_types.h"
 #include "net/rtp.h"
-#include "net/rtp_payload.h"
+#include "media/rtp_payload.h"
 #include "player/flv_parser.h"
 #include "player/ts_parser.h"
 

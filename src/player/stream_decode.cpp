@@ -2,6 +2,7 @@
 // parses them into frames, decodes, and hands pictures to the render side
 // and sound to the sound player, with the data callbacks at each stage.
 #include "player/stream_decode.h"
+#include "media/codec_facts.h"
 
 #include <mutex>
 
@@ -10,27 +11,16 @@
 #include "display/video_display.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "player/player_gpu.h"
 #include "player/player_pacing.h"
-#include "player/port.h"
+#include "port/port.h"
 #include "record/record.h"
 
 namespace {
 
 constexpr uint32_t kIdleWaitMs = 250;        // new data, a stop or a drain request end the wait at once
 constexpr uint32_t kMaxDrainedPictures = 32; // more than any decoder holds back
-
-bool IsVideo(uint32_t codec)
-{
-    return codec == KORVALEN_CODEC_H264 || codec == KORVALEN_CODEC_MJPEG || codec == KORVALEN_CODEC_H265;
-}
-
-bool IsAudio(uint32_t codec)
-{
-    return codec == KORVALEN_CODEC_G711U || codec == KORVALEN_CODEC_MP2 || codec == KORVALEN_CODEC_AAC ||
-           codec == KORVALEN_CODEC_G711A || codec == KORVALEN_CODEC_PCM;
-}
 
 // Audio format pair handed with parsed audio frames.
 void AudioFormat(uint32_t codec, uint32_t out[2])
@@ -289,7 +279,7 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
 {
     PortStream& st = rec->stream;
     const StreamFrame& f = st.frame;
-    if (IsVideo(f.codecType)) {
+    if (Codec_IsVideo(f.codecType)) {
         if (st.waitKeyFrame && (f.codecType == KORVALEN_CODEC_H264 || f.codecType == KORVALEN_CODEC_H265)) {
             if (f.frameType != 0) {
                 return;
@@ -311,7 +301,7 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
             DecodeVideo(rec);
         }
         Audio_PlayPortFrame(rec, nullptr);
-    } else if (IsAudio(f.codecType)) {
+    } else if (Codec_IsAudio(f.codecType)) {
         rec->playback.audioCodec = f.codecType;
         auto& cb = rec->callbacks.parseAudio;
         if (cb.fn) {

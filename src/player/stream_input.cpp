@@ -7,9 +7,9 @@
 #include "codec/code_manager.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 #include "player/stream_decode.h"
 #include "record/record.h"
 

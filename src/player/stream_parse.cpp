@@ -4,8 +4,9 @@
 
 #include "codec/code_sps_probe.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
+#include "media/codec_facts.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
 #include "player/stream_decode.h"
 
 namespace {
@@ -194,7 +195,7 @@ uint32_t Player_StatisticsTimestamp(PortRecord* rec)
 {
     PortStream& st = rec->stream;
     const StreamFrame& f = st.frame;
-    if (!RTP_IsVideoCodec(f.codecType)) {
+    if (!Codec_IsVideo(f.codecType)) {
         return KORVALEN_OK; // sound frames keep their own clock
     }
     if (f.frameType == 0 && f.codecType == KORVALEN_CODEC_H264) {

@@ -5,8 +5,9 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "net/rtp_payload.h"
-#include "platform/qmx_heap.h"
+#include "media/codec_facts.h"
+#include "media/rtp_payload.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 
@@ -240,7 +241,7 @@ bool QUEUE_IsFrameEndPacket(const uint8_t* data, uint32_t length, const RTP_PAYL
     if (length < kRtpHeader || (data[0] & 0xC0) != 0x80 || (data[1] & 0x80) == 0) {
         return false;
     }
-    return RTP_IsVideoCodec(RTP_LookupCodec(data[1] & 0x7F, payloads));
+    return Codec_IsVideo(RTP_LookupCodec(data[1] & 0x7F, payloads));
 }
 
 uint32_t QUEUE_AddPacketEx(const uint8_t* data, uint32_t length, const RTP_PAYLOAD_TABLE* payloads,

@@ -6,8 +6,8 @@
 
 #include "codec/code_manager.h"
 #include "log/log.h"
-#include "player/player_api.h"
-#include "player/port_table.h"
+#include "port/player_api.h"
+#include "port/port_table.h"
 #include "record/record.h"
 #include "record/record_journal.h"
 #include "record/record_mux.h"

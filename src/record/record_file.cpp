@@ -5,9 +5,9 @@
 
 #include "log/log.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/report.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "report/report.h"
 #include "record/record.h"
 #include "record/record_mux.h"
 

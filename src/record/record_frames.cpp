@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "korvalen_types.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 

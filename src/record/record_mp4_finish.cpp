@@ -16,7 +16,7 @@ extern "C" {
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "mp4/mp4_reader.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "record/record_journal.h"
 #include "record/record_mux_av.h"
 

@@ -18,7 +18,7 @@ extern "C" {
 #include "file/qmx_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "record/record_journal.h"
 #include "record/record_mux_av.h"
 

@@ -8,8 +8,8 @@
 #include "log/log.h"
 #include "net/rtp.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
 #include "record/record.h"
 #include "record/record_mux.h"
 

@@ -10,10 +10,10 @@
 #include "codec/code_manager.h"
 #include "file/qmx_file.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
-#include "player/player_api.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/player_api.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "record/record.h"
 
 namespace {

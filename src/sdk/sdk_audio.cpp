@@ -1,6 +1,6 @@
 // Exported sound, voice-talk and microphone functions.
 #include "korvalen.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "sdk/sdk_frame.h"
 
 extern "C" {

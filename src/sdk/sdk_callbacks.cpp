@@ -1,6 +1,6 @@
 // Exported data-callback setters.
 #include "korvalen.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "sdk/sdk_frame.h"
 
 extern "C" {

@@ -2,14 +2,13 @@
 
 #include <atomic>
 
-#include "player/port_table.h"
+#include "port/port_table.h"
 
 namespace {
 thread_local uint32_t t_lastError = 0;
 // The locks live for the whole process so that a call made before
 // Korvalen_Init (or after Korvalen_Cleanup) finds a valid lock and an empty
 // port table instead of freed memory.
-std::recursive_mutex g_portLocks[kPortCount];
 std::atomic<uint32_t> g_maxDecChl{kPortCount};
 } // namespace
 
@@ -21,11 +20,6 @@ void SDK_SetLastError(uint32_t err)
 uint32_t SDK_LastError()
 {
     return t_lastError;
-}
-
-std::recursive_mutex& SDK_PortLock(uint32_t port)
-{
-    return g_portLocks[port % kPortCount];
 }
 
 uint32_t SDK_MaxDecChl()

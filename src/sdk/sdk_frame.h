@@ -7,8 +7,8 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
+#include "port/port_table.h"
 
-constexpr uint32_t kPortCount = 256;
 constexpr uint32_t kVersionPacked = 0x002E0502;
 constexpr const char* kVersionText = "2.5.0046";
 // What SDK_Run returns when the frame itself refused the call (already
@@ -35,8 +35,6 @@ struct SdkCall {
 
 void SDK_SetLastError(uint32_t err);
 uint32_t SDK_LastError();
-
-std::recursive_mutex& SDK_PortLock(uint32_t port);
 
 // Maximum decode channel number (default 256).
 uint32_t SDK_MaxDecChl();
@@ -87,7 +85,7 @@ template <class F> uint32_t SDK_Run(uint32_t port, const SdkCall& c, bool ptrsOk
         SDK_SetLastError(KORVALEN_ERR_INVALID_PARAM);
         return kSdkRejected;
     }
-    std::lock_guard<std::recursive_mutex> lock(SDK_PortLock(port));
+    std::lock_guard<std::recursive_mutex> lock(Port_Lock(port));
     if ((c.flags & SDK_OPENING) && !SDK_ChannelsAvailable(port, c.api)) {
         return kSdkRejected;
     }

@@ -6,9 +6,9 @@
 #include "korvalen.h"
 #include "log/log_file.h"
 #include "platform/platform.h"
-#include "platform/qmx_heap.h"
-#include "player/port_table.h"
-#include "player/report.h"
+#include "heap/qmx_heap.h"
+#include "port/port_table.h"
+#include "report/report.h"
 #include "sdk/sdk_frame.h"
 
 namespace {

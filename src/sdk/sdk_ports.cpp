@@ -1,6 +1,6 @@
 // Exported port functions: allocation, release and packet-buffer settings.
 #include "korvalen.h"
-#include "player/port_table.h"
+#include "port/port_table.h"
 #include "sdk/sdk_frame.h"
 
 extern "C" {
@@ -27,7 +27,7 @@ void Korvalen_FreePort(uint32_t port)
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get Port[%d] fail", static_cast<int>(port));
         return;
     }
-    std::lock_guard<std::recursive_mutex> lock(SDK_PortLock(port));
+    std::lock_guard<std::recursive_mutex> lock(Port_Lock(port));
     Player_FreePort(port);
 }
 

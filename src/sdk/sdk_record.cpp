@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "korvalen.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "sdk/sdk_frame.h"
 
 extern "C" {

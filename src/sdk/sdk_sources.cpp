@@ -1,7 +1,7 @@
 // Exported source functions: live network stream, pushed stream, media file
 // and HLS.
 #include "korvalen.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "sdk/sdk_frame.h"
 
 extern "C" {

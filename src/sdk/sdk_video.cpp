@@ -1,6 +1,6 @@
 // Exported video-output, overlay, fisheye and electronic-PTZ functions.
 #include "korvalen.h"
-#include "player/player_api.h"
+#include "port/player_api.h"
 #include "sdk/sdk_frame.h"
 
 // Mouse events arrive at pointer rate: no information lines, and the
@@ -113,7 +113,7 @@ int32_t Korvalen_IsFishEyeStream(uint32_t port)
     uint32_t answer = 0;
     uint32_t err;
     {
-        std::lock_guard<std::recursive_mutex> lock(SDK_PortLock(port));
+        std::lock_guard<std::recursive_mutex> lock(Port_Lock(port));
         err = Player_IsFishEyeStream(port, &answer);
     }
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Call Port[%03d] Korvalen_IsFishEyeStream return %s", port,

@@ -6,7 +6,7 @@
 #include "iva/iva_store.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "sei/sei_parse.h"
 
 namespace {

@@ -14,9 +14,9 @@
 #include "display/video_display.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "queue/queue_picture.h"
 #include "xvfb_server.h"
 

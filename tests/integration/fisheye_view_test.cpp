@@ -10,7 +10,7 @@
 
 #include "../unit/codec_media.h"
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "port_fixture.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include "../unit/codec_media.h"
 #include "decoded_pictures.h"
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "x_window.h"
 
 TEST(GpuSwitch, AnswersAgreeAndPortsDecodeEitherWay)

@@ -17,7 +17,7 @@
 
 #include "decoded_pictures.h"
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "port_fixture.h"
 #include "run_messages.h"
 #include "test_env.h"

@@ -5,7 +5,7 @@
 
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 TEST(Library, VersionAndNestedInitCounting)
 {

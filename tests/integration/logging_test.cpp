@@ -9,7 +9,7 @@
 
 #include "korvalen.h"
 #include "log/log_file.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 namespace {

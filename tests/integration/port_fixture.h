@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "wait_until.h"
 
 struct PortFixture : ::testing::Test {

@@ -9,8 +9,8 @@
 
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port_table.h"
 
 namespace {
 

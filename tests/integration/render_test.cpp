@@ -8,9 +8,9 @@
 
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "port_fixture.h"
 #include "queue/queue_picture.h"
 #include "wait_until.h"

@@ -15,9 +15,9 @@
 #include "decoded_pictures.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "port_fixture.h"
 
 using rtp_peer::BoundPort;

@@ -15,7 +15,7 @@
 #include "codec/g711.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "port_fixture.h"
 #include "voice_device.h"
 #include "wait_until.h"

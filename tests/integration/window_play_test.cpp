@@ -10,7 +10,7 @@
 #include "../unit/codec_media.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "stream_feeder.h"
 #include "x_window.h"
 

@@ -14,7 +14,7 @@
 
 #include "../unit/codec_media.h"
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "pulse_server.h"
 #include "test_env.h"
 

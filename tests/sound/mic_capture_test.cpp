@@ -18,7 +18,7 @@
 #include "audio/pulse_capture.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "pulse_server.h"
 #include "test_env.h"
 

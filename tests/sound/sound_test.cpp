@@ -13,9 +13,9 @@
 #include "audio/audio_port.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "pulse_server.h"
 #include "test_env.h"
 

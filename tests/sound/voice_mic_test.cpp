@@ -19,7 +19,7 @@
 #include "codec/g711.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "pulse_server.h"
 #include "test_env.h"
 #include "voice_device.h"

@@ -12,7 +12,7 @@
 #include "avi/avi.h"
 #include "codec_media.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include "codec_media.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 namespace {

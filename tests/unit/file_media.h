@@ -13,7 +13,7 @@
 
 #include "file/file_parser.h"
 #include "korvalen_types.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 // A dispatcher record on a fresh heap; everything must be released after.

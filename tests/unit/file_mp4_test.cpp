@@ -7,7 +7,7 @@
 
 #include "file_media.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 namespace {
 struct Mp4Test : FileReaderTest {};

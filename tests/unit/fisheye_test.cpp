@@ -17,8 +17,8 @@
 #include "fisheye/fisheye_remap.h"
 #include "fisheye/fisheye_view.h"
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port_table.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 TEST(Heap, CountsLiveBytesAndFailsTheRequestedAllocation)
 {

@@ -9,7 +9,7 @@
 #include "iva/iva_store.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "sei/sei_parse.h"
 #include "sei_writer.h"
 

@@ -10,9 +10,9 @@
 #include "display/display_base.h"
 #include "iva/iva_port.h"
 #include "korvalen.h"
-#include "platform/qmx_heap.h"
-#include "player/port.h"
-#include "player/port_table.h"
+#include "heap/qmx_heap.h"
+#include "port/port.h"
+#include "port/port_table.h"
 #include "queue/queue_picture.h"
 #include "sei_writer.h"
 

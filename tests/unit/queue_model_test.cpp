@@ -9,7 +9,7 @@
 
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "net/rtp_payload.h"
+#include "media/rtp_payload.h"
 #include "queue/queue_packet.h"
 #include "queue/queue_reorder.h"
 

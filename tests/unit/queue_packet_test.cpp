@@ -7,7 +7,7 @@
 
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 #include "queue/queue_packet.h"
 
 namespace {

@@ -5,8 +5,8 @@
 
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "net/rtp_payload.h"
-#include "platform/qmx_heap.h"
+#include "media/rtp_payload.h"
+#include "heap/qmx_heap.h"
 #include "queue/queue_packet.h"
 #include "queue/queue_reorder.h"
 

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "korvalen_types.h"
-#include "player/report.h"
+#include "report/report.h"
 
 namespace {
 std::mutex g_lock;

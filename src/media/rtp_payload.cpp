@@ -1,7 +1,8 @@
-#include "net/rtp_payload.h"
+#include "media/rtp_payload.h"
 
 #include "korvalen_types.h"
 #include "log/log.h"
+#include "media/codec_facts.h"
 
 uint32_t RTP_LookupCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom)
 {
@@ -12,27 +13,7 @@ uint32_t RTP_LookupCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom)
             }
         }
     }
-    switch (payloadType) {
-    case 0:
-        return KORVALEN_CODEC_G711U;
-    case 8:
-        return KORVALEN_CODEC_G711A;
-    case 26:
-        return KORVALEN_CODEC_MJPEG;
-    case 50:
-        return KORVALEN_CODEC_IVA;
-    case 104:
-    case 120:
-        return KORVALEN_CODEC_AAC;
-    case 108:
-        return KORVALEN_CODEC_H265;
-    case 121:
-        return KORVALEN_CODEC_PCM;
-    default:
-        // Dynamic types default to H.264, the static ones below 19 that are
-        // not listed are not ours.
-        return payloadType < 19 ? KORVALEN_CODEC_NONE : KORVALEN_CODEC_H264;
-    }
+    return Codec_FromPayloadType(payloadType);
 }
 
 uint32_t RTP_PayloadToCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom, uint32_t* codecType)

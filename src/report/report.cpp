@@ -1,4 +1,4 @@
-#include "player/report.h"
+#include "report/report.h"
 
 #include <atomic>
 #include <condition_variable>

@@ -1,4 +1,4 @@
-#include "platform/qmx_heap.h"
+#include "heap/qmx_heap.h"
 
 #include <atomic>
 #include <cstdlib>

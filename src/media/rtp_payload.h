@@ -23,8 +23,3 @@ uint32_t RTP_LookupCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom);
 // answers 524. 0 on success with *codecType set.
 uint32_t RTP_PayloadToCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom, uint32_t* codecType);
 
-// Video codec types: H.264, JPEG and H.265.
-inline bool RTP_IsVideoCodec(uint32_t codecType)
-{
-    return codecType == 3 || codecType == 4 || codecType == 8;
-}

@@ -1,4 +1,4 @@
-#include "player/port_table.h"
+#include "port/port_table.h"
 
 #include <atomic>
 #include <mutex>
@@ -8,15 +8,15 @@
 #include "codec/code_manager.h"
 #include "hls/hls_cache.h"
 #include "log/log.h"
-#include "platform/qmx_heap.h"
-#include "player/player_api.h"
-#include "player/report.h"
-#include "sdk/sdk_frame.h"
+#include "heap/qmx_heap.h"
+#include "port/player_api.h"
+#include "report/report.h"
 
 namespace {
 
 std::mutex g_tableLock;
 std::atomic<PortRecord*> g_ports[kPortCount];
+std::recursive_mutex g_portLocks[kPortCount];
 uint32_t g_cursor = 0;
 std::atomic<uint32_t> g_gpuDecode{0};
 
@@ -45,6 +45,11 @@ void CloseSource(PortRecord* rec)
 
 } // namespace
 
+std::recursive_mutex& Port_Lock(uint32_t port)
+{
+    return g_portLocks[port % kPortCount];
+}
+
 uint32_t Player_Startup()
 {
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Player_Startup");
@@ -71,7 +76,7 @@ void Player_Cleanup()
 {
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Player_Cleanup");
     for (uint32_t p = 0; p < kPortCount; ++p) {
-        std::lock_guard<std::recursive_mutex> lock(SDK_PortLock(p));
+        std::lock_guard<std::recursive_mutex> lock(Port_Lock(p));
         Player_FreePort(p);
     }
     Audio_Fini();

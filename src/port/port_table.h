@@ -3,9 +3,15 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 
 #include "korvalen_types.h"
-#include "player/port.h"
+#include "port/port.h"
+
+constexpr uint32_t kPortCount = 256;
+
+// The lock of each port number, held by every exported per-port call.
+std::recursive_mutex& Port_Lock(uint32_t port);
 
 uint32_t Player_Startup();
 void Player_Cleanup();
