@@ -8,6 +8,8 @@
 #include "log/log.h"
 #include "port/player_api.h"
 #include "port/port.h"
+#include "port/port_source.h"
+#include "source/net/net_source.h"
 #include "port/port_table.h"
 
 namespace {
@@ -172,7 +174,7 @@ uint32_t OpenTransport(PortRecord* rec, uint32_t socket, const char* localIp, ui
         err = Player_OpenNetStream(port, localIp, localPort, remoteIp, remotePort, NET_PROTO_TCP);
         if (err == KORVALEN_OK) {
             v.streamKind = kStreamNet;
-            v.sock = &rec->net.sock;
+            v.sock = NETSRC_Socket(Port_SourceState(rec, &kNetSourceOps));
         }
     }
     if (err != KORVALEN_OK) {

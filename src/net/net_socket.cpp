@@ -15,7 +15,6 @@
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "net/rtp_bytes.h"
-#include "port/player_api.h"
 
 namespace {
 

@@ -107,3 +107,6 @@ inline uint32_t NET_Published(uint32_t& figure)
 }
 // Clock for the statistics: whole seconds and the millisecond field.
 void NET_StatClock(uint32_t* sec, uint32_t* ms);
+
+// Process-wide TCP connect time-out for new streams, in seconds.
+uint32_t Player_SetTcpOutTime(uint32_t seconds);

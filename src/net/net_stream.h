@@ -1,10 +1,9 @@
-// A port's live network stream: the endpoint, the receive buffers with the
-// TCP framing state, the reordering queue and the receive thread.
+// A live stream's receive state: the endpoint, the receive buffers with the
+// TCP framing state, the reordering queue and the NAT packet to send.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <thread>
 
 #include "net/net_socket.h"
 #include "queue/queue_reorder.h"
@@ -24,13 +23,7 @@ struct PortNet {
     QUEUE_ADJUST_PKT_SEQ reorder;
     NET_NAT_PARAM nat{};
     std::atomic<uint32_t> natPending{0};
-    std::atomic<uint32_t> running{0};
-    std::thread recvThread;
-    NET_BITRATE bitrate{};
-    NET_LOSTSTAT loss{};
 };
-
-struct PortRecord;
 
 // The TCP framing step: 0 when one whole "$" frame (header included) is in
 // recvBuf, 529 when more bytes are needed or bytes were discarded, another

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "codec/code_types.h"
+#include "net/net_socket.h"
 #include "net/rtp.h"
 #include "media/rtp_payload.h"
 #include "player/flv_parser.h"
@@ -33,7 +34,6 @@ struct StreamFrame {
 };
 
 struct PortStream {
-    uint32_t inputOpen = 0;
     std::atomic<uint32_t> decodeRunning{0};
     std::atomic<uint32_t> drainRequest{0}; // the source has ended: drain once all is decoded
     std::thread decodeThread;
@@ -69,4 +69,5 @@ struct PortStream {
     uint32_t decodedFrames = 0;
     uint32_t decodeFailures = 0;
     uint32_t lostPackets = 0;
+    NET_LOSTSTAT loss{}; // RTP sequence gaps, for the lost-packet rate
 };

@@ -343,7 +343,7 @@ void DecodeThread(PortRecord* rec)
             }
             continue;
         }
-        NET_CountRecvPacket(&rec->net.loss);
+        NET_CountRecvPacket(&rec->stream.loss);
         // A chunk may hold more than one frame (MPEG-TS): parse until it is
         // used up.
         do {
@@ -351,7 +351,7 @@ void DecodeThread(PortRecord* rec)
             if (err == KORVALEN_OK) {
                 HandleFrame(rec, &producedVideo);
             } else if (err != KORVALEN_ERR_UNKNOWN_STREAM && err != KORVALEN_ERR_NEED_MORE_DATA) {
-                NET_CountLostPacket(&rec->net.loss);
+                NET_CountLostPacket(&rec->stream.loss);
                 ++st.lostPackets;
                 st.waitKeyFrame = 1;
             }

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 struct PortRecord;
+struct SOURCE_SINK;
 
 uint32_t Stream_StartDecodeThread(PortRecord* rec);
 void Stream_StopDecodeThread(PortRecord* rec);
@@ -36,6 +37,9 @@ void Stream_HandleFrame(PortRecord* rec);
 // At the end of a source: shows the pictures the video decoder still holds
 // (those waiting behind B-frames), as decoded ones are.
 void Stream_DrainVideo(PortRecord* rec);
+
+// The sink a source of this port delivers to.
+void Stream_MakeSink(PortRecord* rec, SOURCE_SINK* sink);
 
 // Frame rate and interval after each frame.
 uint32_t Player_StatisticsTimestamp(PortRecord* rec);

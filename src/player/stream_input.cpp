@@ -1,5 +1,5 @@
-// Pushed streams: open, push and close, the source hook, and the start and
-// stop of the stream decode thread.
+// The pipeline's intake: the source hook, the packet buffer, the start and
+// stop of the stream decode thread, and the sink every source delivers to.
 #include <cstring>
 #include <mutex>
 
@@ -15,9 +15,7 @@
 
 namespace {
 
-constexpr uint32_t kFullRetries = 100;
 constexpr uint32_t kFullRetrySleepMs = 10;
-constexpr uint32_t kFullLogEvery = 1000;
 
 // Stream type for the source hook: 0 MPEG-TS, 3 RTP; 524 for anything else.
 uint32_t SourceHook(PortRecord* rec, const uint8_t* data, uint32_t length)
@@ -106,101 +104,41 @@ uint32_t Stream_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t lengt
     return err;
 }
 
-uint32_t Player_OpenInputStream(uint32_t port, const uint8_t* data, uint32_t length, uint32_t)
+namespace {
+
+uint32_t SinkPacket(void* ctx, const uint8_t* data, uint32_t length, const std::atomic<uint32_t>* keepTrying,
+                    uint32_t logEvery, uint32_t maxRetries)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port not exist");
-        return KORVALEN_ERR_PORT;
-    }
-    if (rec->stream.inputOpen || rec->sourceKind != SOURCE_NONE) {
-        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
-    }
-    uint32_t err = Stream_OpenDecodeSide(rec);
-    if (err != KORVALEN_OK) {
-        return err;
-    }
-    NET_StatClock(&rec->net.bitrate.startSec, &rec->net.bitrate.startMs);
-    rec->stream.inputOpen = 1;
-    rec->sourceKind = SOURCE_INPUT_STREAM;
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_OpenInputStream success", port);
-    return data && length ? Player_InputMediaData(port, data, length) : KORVALEN_OK;
+    auto* rec = static_cast<PortRecord*>(ctx);
+    REC_QueuePacket(rec, data, length, maxRetries);
+    return Stream_QueuePacket(rec, data, length, keepTrying, logEvery, maxRetries);
 }
 
-uint32_t Player_InputMediaData(uint32_t port, const uint8_t* data, uint32_t length)
+void SinkDrain(void* ctx)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%d] not exist", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
-    if (!rec->stream.inputOpen ||
-        (rec->sourceKind != SOURCE_INPUT_STREAM && rec->sourceKind != SOURCE_VOICE && rec->sourceKind != SOURCE_HLS)) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
-    if (length == 0) {
-        KORVALEN_LOG(KORVALEN_LOG_WARN, "Player_InputMediaData warm, data len is zero");
-        return KORVALEN_OK;
-    }
-    if (rec->sourceKind != SOURCE_HLS) {
-        NET_CalcBitRate(length, &rec->net.bitrate);
-    }
-    REC_QueuePacket(rec, data, length, kFullRetries);
-    return Stream_QueuePacket(rec, data, length, nullptr, kFullLogEvery, kFullRetries);
+    auto* rec = static_cast<PortRecord*>(ctx);
+    rec->stream.drainRequest = 1;
+    QUEUE_WakePacketReader(&rec->packetBuffer);
 }
 
-uint32_t Player_CloseInputStream(uint32_t port)
+uint32_t SinkRestart(void* ctx)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec || !rec->stream.inputOpen) {
-        return KORVALEN_OK;
-    }
-    Player_StopRecord(port);
-    rec->sound.open = 0;
-    Player_StopPlay(port, rec->playback.window);
+    auto* rec = static_cast<PortRecord*>(ctx);
     Stream_CloseDecodeSide(rec);
-    rec->stream.inputOpen = 0;
-    rec->sourceKind = SOURCE_NONE;
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_CloseInputStream success", port);
-    return KORVALEN_OK;
+    return Stream_OpenDecodeSide(rec);
 }
 
-uint32_t Player_SetPayloadType(uint32_t port, uint32_t count, const KORVALEN_PAYLOAD_TYPE* entries)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    RTP_PAYLOAD_TABLE table{};
-    for (uint32_t i = 0; i < count && i < 2; ++i) {
-        const KORVALEN_PAYLOAD_TYPE& e = entries[i];
-        uint32_t codec = KORVALEN_CODEC_NONE;
-        if (e.media_kind != 0) {
-            static const uint32_t audio[] = {KORVALEN_CODEC_G711U, KORVALEN_CODEC_MP2, KORVALEN_CODEC_AAC,
-                                             KORVALEN_CODEC_G711A, KORVALEN_CODEC_PCM};
-            codec = e.stream_kind < 5 ? audio[e.stream_kind] : KORVALEN_CODEC_NONE;
-        } else {
-            codec = e.stream_kind == 2
-                        ? KORVALEN_CODEC_H264
-                        : (e.stream_kind == 3 ? KORVALEN_CODEC_MJPEG
-                                              : (e.stream_kind == 4 ? KORVALEN_CODEC_H265 : KORVALEN_CODEC_NONE));
-        }
-        if (codec == KORVALEN_CODEC_NONE) {
-            KORVALEN_LOG(KORVALEN_LOG_WARN, "Unknow Stream Type[%ld]", static_cast<long>(e.stream_kind));
-        }
-        table.entries[i] = {static_cast<uint8_t>(e.payload_type & 0xFF), codec, 1};
-    }
-    rec->stream.payloads = table;
-    return KORVALEN_OK;
-}
+} // namespace
 
-uint32_t Player_SetAudioInfo(uint32_t port, const KORVALEN_AUDIO_INFO* info)
+void Stream_MakeSink(PortRecord* rec, SOURCE_SINK* sink)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
-    std::memcpy(rec->stream.aacConfig, info->config, sizeof rec->stream.aacConfig);
-    return KORVALEN_OK;
+    *sink = SOURCE_SINK{};
+    sink->ctx = rec;
+    sink->port = rec->port;
+    sink->payloads = &rec->stream.payloads;
+    sink->feed = &rec->feedDecoder;
+    sink->playing = &rec->playback.running;
+    sink->packet = SinkPacket;
+    sink->drain = SinkDrain;
+    sink->restart = SinkRestart;
 }

@@ -16,7 +16,6 @@ uint32_t Player_CloseNetStream(uint32_t port);
 uint32_t Player_SetNatParam(uint32_t port, uint32_t natMode, const char* session);
 uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t* rtpPort, uint32_t* rtcpPort);
 uint32_t Player_ReleaseLocalNetPort(uint32_t port);
-uint32_t Player_SetTcpOutTime(uint32_t seconds);
 uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t* lost, uint32_t* total);
 uint32_t Player_ResetLostPacketRate(uint32_t port);
 

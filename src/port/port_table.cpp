@@ -10,6 +10,7 @@
 #include "log/log.h"
 #include "heap/qmx_heap.h"
 #include "port/player_api.h"
+#include "port/port_source.h"
 #include "report/report.h"
 
 namespace {
@@ -22,23 +23,18 @@ std::atomic<uint32_t> g_gpuDecode{0};
 
 void CloseSource(PortRecord* rec)
 {
+    if (rec->voice.open) {
+        Player_CloseVoiceSvc(rec->port);
+    }
     switch (rec->sourceKind) {
-    case SOURCE_INPUT_STREAM:
-        Player_CloseInputStream(rec->port);
-        break;
-    case SOURCE_NET_STREAM:
-        Player_CloseNetStream(rec->port);
-        break;
     case SOURCE_MEDIA_FILE:
         Player_CloseMediaFile(rec->port);
-        break;
-    case SOURCE_VOICE:
-        Player_CloseVoiceSvc(rec->port);
         break;
     case SOURCE_HLS:
         Player_CloseHlsStream(rec->port);
         break;
     default:
+        Port_CloseSource(rec);
         break;
     }
 }

@@ -1,35 +1,38 @@
-// Live network streams: open and close, NAT parameters, traffic figures, and
-// the receive thread that turns UDP datagrams or "$"-framed TCP into packets
-// for the port's decode thread, through the reordering queue for video.
-#include "net/net_stream.h"
+// The live network source: open and close, NAT parameters, traffic figures,
+// and the receive thread that turns UDP datagrams or "$"-framed TCP into
+// packets for the port's pipeline, through the reordering queue for video.
+#include "source/net/net_source.h"
 
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "media/codec_facts.h"
-#include "net/rtp.h"
+#include "net/net_stream.h"
 #include "platform/platform.h"
-#include "heap/qmx_heap.h"
-#include "port/player_api.h"
-#include "port/port_table.h"
 #include "report/report.h"
-#include "player/stream_decode.h"
-#include "record/record.h"
 
 namespace {
 
 constexpr uint32_t kQueueFullLogEvery = 20;
+
+struct NetSource {
+    PortNet n;
+    SOURCE_THREAD thread;
+    NET_BITRATE bitrate{};
+    SOURCE_SINK sink;
+};
 
 uint32_t TcpRecv(void* ctx, uint8_t* buf, uint32_t* len)
 {
     return NET_TcpRecvMsg(static_cast<NET_SOCKET*>(ctx), buf, len);
 }
 
-void FreeNet(PortRecord* rec)
+void FreeNet(NetSource* src)
 {
-    PortNet& n = rec->net;
+    PortNet& n = src->n;
     NET_DestroySocket(&n.sock);
     QUEUE_ReleaseAdjustPktSeqQueue(&n.reorder);
     QMX_HeapFree(n.recvBuf);
@@ -38,20 +41,19 @@ void FreeNet(PortRecord* rec)
     n.recvLen = n.carryLen = 0;
 }
 
-void Deliver(PortRecord* rec, const uint8_t* data, uint32_t len)
+void Deliver(NetSource* src, const uint8_t* data, uint32_t len)
 {
-    REC_QueuePacket(rec, data, len, 0);
-    Stream_QueuePacket(rec, data, len, &rec->net.running, kQueueFullLogEvery);
+    src->sink.packet(src->sink.ctx, data, len, &src->thread.running, kQueueFullLogEvery, 0);
 }
 
-void RecvThread(PortRecord* rec)
+void RecvThread(NetSource* src)
 {
     PLAT_SetThreadName("NetRecv");
-    PortNet& n = rec->net;
-    const uint32_t port = rec->port;
+    PortNet& n = src->n;
+    const uint32_t port = src->sink.port;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __NetRecvThreadEntry thread succeed", port);
     const bool tcp = n.sock.protocol == NET_PROTO_TCP || n.sock.protocol == NET_PROTO_TCP_FRAMED;
-    while (n.running) {
+    while (src->thread.running) {
         if (n.natPending.exchange(0)) {
             if (NET_SendNatPkt(&n.sock, &n.nat) != KORVALEN_OK) {
                 KORVALEN_LOG(KORVALEN_LOG_ERROR, "NET_SendNatPkt failed");
@@ -99,12 +101,12 @@ void RecvThread(PortRecord* rec)
             n.recvLen = 0;
             continue;
         }
-        NET_CalcBitRate(len, &n.bitrate);
+        NET_CalcBitRate(len, &src->bitrate);
         // Every packet of the video session shares one sequence space: all of
         // them go through the reordering queue (aggregation packets too, or
         // the queue would wait for their numbers and give packets up).
         if (len >= 12 && (pkt[0] & 0xC0) == 0x80 &&
-            Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, &rec->stream.payloads))) {
+            Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, src->sink.payloads))) {
             uint32_t err = QUEUE_AddAdjustPktSeqData(pkt, len, &n.reorder);
             if (err != KORVALEN_OK) {
                 KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QUEUE_AddAdjustPktSeqData failed, error(0x%x)", port, err);
@@ -112,145 +114,107 @@ void RecvThread(PortRecord* rec)
             uint8_t* ready = nullptr;
             uint32_t readyLen = 0;
             while (QUEUE_GetAdjustPktSeqData(&n.reorder, &ready, &readyLen) == KORVALEN_OK) {
-                Deliver(rec, ready, readyLen);
+                Deliver(src, ready, readyLen);
             }
         } else {
-            Deliver(rec, pkt, len);
+            Deliver(src, pkt, len);
         }
         n.recvLen = 0;
     }
 }
 
-} // namespace
-
-uint32_t Player_OpenNetStream(uint32_t port, const char* localIp, uint16_t localPort, const char* remoteIp,
-                              uint16_t remotePort, uint32_t protocol)
+uint32_t Open(const void* params, const SOURCE_SINK* sink, void** state)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
+    const auto* p = static_cast<const NETSRC_PARAMS*>(params);
+    const uint32_t port = sink->port;
+    NetSource* src = QMX_New<NetSource>();
+    if (!src) {
+        return KORVALEN_ERR_NO_MEMORY;
     }
-    if (rec->sourceKind != SOURCE_NONE) {
-        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
-    }
-    PortNet& n = rec->net;
-    uint32_t err =
-        NET_CreateRecvSocket(localIp, localPort, remoteIp, remotePort, static_cast<int32_t>(protocol), &n.sock);
+    src->sink = *sink;
+    PortNet& n = src->n;
+    uint32_t err = NET_CreateRecvSocket(p->localIp, p->localPort, p->remoteIp, p->remotePort,
+                                        static_cast<int32_t>(p->protocol), &n.sock);
     if (err != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] NET_CreateRecvSocket failed", port);
+        QMX_Delete(src);
         return err;
     }
     // Protocol 4 connects over TCP but gets no carry-over buffer, so its
     // framing refuses to run: callers have always had to use 1 for TCP.
-    const uint32_t size = protocol == NET_PROTO_TCP ? kNetTcpBufSize : kNetUdpBufSize;
+    const uint32_t size = p->protocol == NET_PROTO_TCP ? kNetTcpBufSize : kNetUdpBufSize;
     n.recvBuf = static_cast<uint8_t*>(QMX_HeapMalloc(size));
-    if (protocol == NET_PROTO_TCP) {
+    if (p->protocol == NET_PROTO_TCP) {
         n.carryBuf = static_cast<uint8_t*>(QMX_HeapMalloc(kNetTcpBufSize));
     }
-    if (!n.recvBuf || (protocol == NET_PROTO_TCP && !n.carryBuf)) {
+    if (!n.recvBuf || (p->protocol == NET_PROTO_TCP && !n.carryBuf)) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QMX_MALLOC[%d] failed", port, static_cast<int>(size));
-        FreeNet(rec);
+        FreeNet(src);
+        QMX_Delete(src);
         return KORVALEN_ERR_NO_MEMORY;
-    }
-    err = Stream_OpenDecodeSide(rec);
-    if (err != KORVALEN_OK) {
-        FreeNet(rec);
-        return err;
     }
     if (QUEUE_InitAdjustPktSeqQueue(&n.reorder, kReorderSlotSize, kReorderDepth) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QUEUE_InitAdjustPktSeqQueue failed", port);
-        Stream_CloseDecodeSide(rec);
-        FreeNet(rec);
+        FreeNet(src);
+        QMX_Delete(src);
         return KORVALEN_ERR_NO_MEMORY;
     }
-    n.bitrate = NET_BITRATE{};
-    n.loss = NET_LOSTSTAT{};
-    NET_StatClock(&n.bitrate.startSec, &n.bitrate.startMs);
-    NET_StatClock(&n.loss.startSec, &n.loss.startMs);
-    n.running = 1;
-    try {
-        n.recvThread = std::thread(RecvThread, rec);
-    } catch (...) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] KTFW_SDK_thr_create NetRecv failed", port);
-        n.running = 0;
-        Stream_CloseDecodeSide(rec);
-        FreeNet(rec);
+    NET_StatClock(&src->bitrate.startSec, &src->bitrate.startMs);
+    *state = src;
+    return KORVALEN_OK;
+}
+
+uint32_t Start(void* state)
+{
+    auto* src = static_cast<NetSource*>(state);
+    if (SOURCE_StartThread(&src->thread, RecvThread, src) != KORVALEN_OK) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] KTFW_SDK_thr_create NetRecv failed", src->sink.port);
         return KORVALEN_ERR_THREAD_CREATE;
     }
-    rec->sourceKind = SOURCE_NET_STREAM;
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_OpenNetStream success", port);
     return KORVALEN_OK;
 }
 
-uint32_t Player_CloseNetStream(uint32_t port)
+void Stop(void* state)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec || rec->sourceKind != SOURCE_NET_STREAM) {
-        return KORVALEN_OK;
-    }
-    Player_StopRecord(port);
-    rec->sound.open = 0;
-    Player_StopPlay(port, rec->playback.window);
-    PortNet& n = rec->net;
-    n.running = 0;
-    if (n.recvThread.joinable()) {
-        n.recvThread.join(); // a receive waits at most 500 ms
-    }
-    Stream_CloseDecodeSide(rec);
-    FreeNet(rec);
-    rec->sourceKind = SOURCE_NONE;
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Player_CloseNetStream success", port);
-    return KORVALEN_OK;
+    SOURCE_StopThread(&static_cast<NetSource*>(state)->thread); // a receive waits at most 500 ms
 }
 
-uint32_t Player_SetNatParam(uint32_t port, uint32_t natMode, const char* session)
+void Close(void* state)
 {
-    return Player_OnPort(port, [&](PortRecord& rec) {
-        NET_SetNatParam(natMode, session ? session : "", &rec.net.nat);
-        rec.net.natPending = natMode == 1 ? 1 : 0;
-        return KORVALEN_OK;
-    });
+    auto* src = static_cast<NetSource*>(state);
+    FreeNet(src);
+    QMX_Delete(src);
 }
 
-uint32_t Player_GetLostPacketRate(uint32_t port, uint32_t* lost, uint32_t* total)
+void Stats(void* state, SOURCE_STATS* out)
 {
-    return Player_OnPort(port, [&](PortRecord& rec) {
-        *lost = NET_Published(rec.net.loss.lostTotal);
-        *total = NET_Published(rec.net.loss.recvTotal);
-        return KORVALEN_OK;
-    });
+    out->bitRate = NET_Published(static_cast<NetSource*>(state)->bitrate.average);
 }
 
-uint32_t Player_ResetLostPacketRate(uint32_t port)
+} // namespace
+
+const SOURCE_OPS kNetSourceOps = {"net", SOURCE_NET_STREAM, Open, Start, Stop, Close, Stats};
+
+void NETSRC_SetNat(void* state, uint32_t natMode, const char* session)
 {
-    return Player_OnPort(port, [](PortRecord& rec) {
-        NET_ResetLostPacket(&rec.net.loss);
-        return KORVALEN_OK;
-    });
+    PortNet& n = static_cast<NetSource*>(state)->n;
+    NET_SetNatParam(natMode, session ? session : "", &n.nat);
+    n.natPending = natMode == 1 ? 1 : 0;
 }
 
-uint32_t Player_GetBitRate(uint32_t port, uint32_t* bitRate)
+NET_SOCKET* NETSRC_Socket(void* state)
 {
-    return Player_OnPort(port, [&](PortRecord& rec) {
-        *bitRate = NET_Published(rec.net.bitrate.average);
-        return KORVALEN_OK;
-    });
+    return &static_cast<NetSource*>(state)->n.sock;
 }
 
-uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t* rtpPort, uint32_t* rtcpPort)
+uint32_t NETSRC_LocalPort(void* state, uint32_t* rtpPort, uint32_t* rtcpPort)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
     // The port the stream's socket is bound to (the system picks one when
     // the caller gave 0); RTCP conventionally sits on the next one.
-    const NET_SOCKET& sock = rec->net.sock;
+    const NET_SOCKET& sock = static_cast<NetSource*>(state)->n.sock;
     sockaddr_storage addr{};
     socklen_t len = sizeof addr;
-    if (rec->sourceKind != SOURCE_NET_STREAM || sock.fd < 0 ||
-        getsockname(sock.fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    if (sock.fd < 0 || getsockname(sock.fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
         return KORVALEN_ERR_NOT_SUPPORTED;
     }
     uint16_t p = addr.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port)
@@ -258,11 +222,4 @@ uint32_t Player_GetLocalNetPort(uint32_t port, uint32_t* rtpPort, uint32_t* rtcp
     *rtpPort = p;
     *rtcpPort = p + 1u;
     return KORVALEN_OK;
-}
-
-uint32_t Player_ReleaseLocalNetPort(uint32_t port)
-{
-    // Local ports belong to the stream's socket and go with it at close;
-    // there is nothing reserved beyond that to give back.
-    return Player_GetPort(port) ? KORVALEN_OK : KORVALEN_ERR_PORT;
 }
