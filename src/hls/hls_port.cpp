@@ -1,6 +1,8 @@
 // The HLS calls of a port and its fetch thread.
 #include "hls/hls_port.h"
 
+#include "heap/qmx_heap.h"
+
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -10,10 +12,7 @@
 #include "hls/hls_fetch.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "port/player_api.h"
-#include "port/port_table.h"
 #include "report/report.h"
-#include "player/stream_decode.h"
 
 namespace {
 
@@ -27,6 +26,12 @@ constexpr uint32_t kStepMs = 10;
 constexpr double kLeadSeconds = 1.0; // frames go this far ahead of their time
 constexpr uint32_t kRdHdSize = 24;
 
+struct HlsSource {
+    PortHls hls;
+    SOURCE_SINK sink;
+    uint32_t port;
+};
+
 void StoreLe32(uint8_t* p, uint32_t v)
 {
     p[0] = static_cast<uint8_t>(v);
@@ -35,7 +40,7 @@ void StoreLe32(uint8_t* p, uint32_t v)
     p[3] = static_cast<uint8_t>(v >> 24);
 }
 
-void Problem(PortRecord* rec, uint32_t code, int64_t sequence, const std::string& url)
+void Problem(HlsSource* rec, uint32_t code, int64_t sequence, const std::string& url)
 {
     rec->hls.lastError = code;
     KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] HLS fetch fail, sequence(%lld) %s, error(0x%x)", rec->port,
@@ -72,7 +77,7 @@ uint32_t LoadPlaylist(const std::string& url, const std::atomic<uint32_t>* stop,
 }
 
 // A segment's bytes from the cache, else from the server (then cached).
-uint32_t SegmentBytes(PortRecord* rec, const std::string& url, std::vector<uint8_t>* data)
+uint32_t SegmentBytes(HlsSource* rec, const std::string& url, std::vector<uint8_t>* data)
 {
     if (HLS_CacheGet(url, data)) {
         return KORVALEN_OK;
@@ -96,13 +101,13 @@ struct Pacer {
 
 // Waits until the frame is due (or the port stops); a paused port waits here
 // and starts a new time base when it resumes.
-bool WaitDue(PortRecord* rec, Pacer* p, double seconds)
+bool WaitDue(HlsSource* rec, Pacer* p, double seconds)
 {
     for (;;) {
         if (rec->hls.stop) {
             return false;
         }
-        if (!rec->playback.running) {
+        if (!rec->sink.playing->load()) {
             p->based = false;
             PLAT_SleepMs(kStepMs);
             continue;
@@ -122,10 +127,10 @@ bool WaitDue(PortRecord* rec, Pacer* p, double seconds)
     }
 }
 
-bool Push(PortRecord* rec, const uint8_t* data, uint32_t length)
+bool Push(HlsSource* rec, const uint8_t* data, uint32_t length)
 {
     for (;;) {
-        uint32_t err = QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
+        uint32_t err = rec->sink.queue(rec->sink.ctx, data, length);
         if (err != KORVALEN_ERR_BUFFER_FULL) {
             return err == KORVALEN_OK;
         }
@@ -136,12 +141,12 @@ bool Push(PortRecord* rec, const uint8_t* data, uint32_t length)
     }
 }
 
-bool DeliverFrame(PortRecord* rec, Pacer* pacer, const HLS_FRAME& f)
+bool DeliverFrame(HlsSource* rec, Pacer* pacer, const HLS_FRAME& f)
 {
     if (!WaitDue(rec, pacer, f.seconds)) {
         return false;
     }
-    if (!rec->feedDecoder) {
+    if (!rec->sink.feed->load()) {
         return true;
     }
     uint8_t head[kRdHdSize] = {'R', 'd', 'H', 'd'};
@@ -153,7 +158,7 @@ bool DeliverFrame(PortRecord* rec, Pacer* pacer, const HLS_FRAME& f)
 }
 
 // Plays one segment. False when the thread should end.
-bool PlaySegment(PortRecord* rec, const HLS_SEGMENT& seg, Pacer* pacer, std::vector<uint8_t>* bytes,
+bool PlaySegment(HlsSource* rec, const HLS_SEGMENT& seg, Pacer* pacer, std::vector<uint8_t>* bytes,
                  std::vector<uint8_t>* init)
 {
     uint32_t err = KORVALEN_OK;
@@ -196,7 +201,7 @@ bool PlaySegment(PortRecord* rec, const HLS_SEGMENT& seg, Pacer* pacer, std::vec
     return true;
 }
 
-void FetchThread(PortRecord* rec)
+void FetchThread(HlsSource* rec)
 {
     PLAT_SetThreadName("HlsFetch");
     PortHls& h = rec->hls;
@@ -259,8 +264,7 @@ void FetchThread(PortRecord* rec)
         }
     }
     if (!h.stop) {
-        rec->stream.drainRequest = 1;
-        QUEUE_WakePacketReader(&rec->packetBuffer);
+        rec->sink.drain(rec->sink.ctx);
         h.lastError = KORVALEN_ERR_HLS_END;
         Report_Send(rec->port, kReportPlaybackEnd, 542, static_cast<uint32_t>(h.nextSequence), h.playlistUrl.c_str());
     }
@@ -275,60 +279,37 @@ void StopThread(PortHls& h)
     h.stop = 0;
 }
 
+uint32_t Open(const void*, const SOURCE_SINK* sink, void** state)
+{
+    HlsSource* src = QMX_New<HlsSource>();
+    if (!src) {
+        return KORVALEN_ERR_NO_MEMORY;
+    }
+    src->sink = *sink;
+    src->port = sink->port;
+    *state = src;
+    return KORVALEN_OK;
+}
+
+void Stop(void* state)
+{
+    StopThread(static_cast<HlsSource*>(state)->hls);
+}
+
+void Close(void* state)
+{
+    QMX_Delete(static_cast<HlsSource*>(state));
+}
+
 } // namespace
 
-uint32_t Player_OpenHlsStream(uint32_t port)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    if (rec->sourceKind != SOURCE_NONE) {
-        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
-    }
-    uint32_t err = Stream_OpenDecodeSide(rec);
-    if (err != KORVALEN_OK) {
-        return err;
-    }
-    rec->sourceKind = SOURCE_HLS;
-    rec->hls.open = 1;
-    rec->hls.lastError = 0;
-    rec->playback.running = 1;
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_OpenHlsStream success", port);
-    return KORVALEN_OK;
-}
+const SOURCE_OPS kHlsSourceOps = {"hls", SOURCE_HLS, Open, nullptr, Stop, Close, nullptr};
 
-uint32_t Player_CloseHlsStream(uint32_t port)
+uint32_t HLSSRC_Update(void* state, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    if (!rec->hls.open) {
-        return KORVALEN_OK;
-    }
-    StopThread(rec->hls);
-    rec->sound.open = 0;
-    Player_StopPlay(port, rec->playback.window);
-    Stream_CloseDecodeSide(rec);
-    rec->playback.running = 0;
-    rec->hls.open = 0;
-    rec->hls.playlist = HLS_PLAYLIST{};
-    rec->sourceKind = SOURCE_NONE;
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_CloseHlsStream success", port);
-    return KORVALEN_OK;
-}
-
-uint32_t Player_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
+    auto* rec = static_cast<HlsSource*>(state);
     PortHls& h = rec->hls;
-    if (!h.open) {
-        return KORVALEN_ERR_HLS_NOT_OPEN;
-    }
+    const uint32_t port = rec->port;
     if (!HLS_CacheHasPath()) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_UpdatePlayInfo fail, not set cache path", port);
         return KORVALEN_ERR_HLS_NO_CACHE_PATH;
@@ -364,8 +345,7 @@ uint32_t Player_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info
     }
     if (restart) {
         // A new position: what the old one left queued must not play.
-        Stream_CloseDecodeSide(rec);
-        err = Stream_OpenDecodeSide(rec);
+        err = rec->sink.restart(rec->sink.ctx);
         if (err != KORVALEN_OK) {
             return err;
         }
@@ -375,7 +355,7 @@ uint32_t Player_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info
     h.playlist = std::move(playlist);
     h.endUtcMs = static_cast<int64_t>(info->end_time) * 1000;
     h.lastError = 0;
-    rec->playback.running = (info->flags & 1) ? 0 : 1;
+    rec->sink.play(rec->sink.ctx, (info->flags & 1) ? 0 : 1);
     try {
         h.thread = std::thread(FetchThread, rec);
     } catch (...) {

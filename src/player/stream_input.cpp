@@ -121,6 +121,17 @@ void SinkDrain(void* ctx)
     QUEUE_WakePacketReader(&rec->packetBuffer);
 }
 
+uint32_t SinkQueue(void* ctx, const uint8_t* data, uint32_t length)
+{
+    auto* rec = static_cast<PortRecord*>(ctx);
+    return QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
+}
+
+void SinkPlay(void* ctx, uint32_t on)
+{
+    static_cast<PortRecord*>(ctx)->playback.running = on;
+}
+
 uint32_t SinkRestart(void* ctx)
 {
     auto* rec = static_cast<PortRecord*>(ctx);
@@ -141,4 +152,6 @@ void Stream_MakeSink(PortRecord* rec, SOURCE_SINK* sink)
     sink->packet = SinkPacket;
     sink->drain = SinkDrain;
     sink->restart = SinkRestart;
+    sink->queue = SinkQueue;
+    sink->play = SinkPlay;
 }

@@ -45,9 +45,6 @@ uint32_t Player_FreeMarkInfo(KORVALEN_MARK_INFO* marks);
 uint32_t Player_OpenHlsStream(uint32_t port);
 uint32_t Player_CloseHlsStream(uint32_t port);
 uint32_t Player_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time);
-uint32_t Player_SetCachePath(const char* path);
-uint32_t Player_SetMaxCache(uint32_t sizeMb);
-uint32_t Player_CleanCache();
 
 // Play control and statistics.
 uint32_t Player_StartPlay(uint32_t port, uint64_t window);

@@ -6,7 +6,6 @@
 
 #include "audio/port_voice.h"
 #include "file/port_file.h"
-#include "hls/hls_port.h"
 #include "player/pipeline.h"
 #include "source/source.h"
 
@@ -14,5 +13,4 @@ struct PortRecord : Pipeline {
     SOURCE source;
     PortVoice voice;
     PortFile file;
-    PortHls hls;
 };

@@ -6,6 +6,7 @@
 #include "player/stream_decode.h"
 #include "port/player_api.h"
 #include "port/port_table.h"
+#include "hls/hls_port.h"
 #include "source/net/net_source.h"
 #include "source/push/push_source.h"
 
@@ -186,4 +187,42 @@ uint32_t Player_CloseInputStream(uint32_t port)
     Port_CloseSource(rec);
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_CloseInputStream success", port);
     return KORVALEN_OK;
+}
+
+uint32_t Player_OpenHlsStream(uint32_t port)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    uint32_t err = Port_OpenSource(rec, &kHlsSourceOps, nullptr);
+    if (err != KORVALEN_OK) {
+        return err;
+    }
+    rec->playback.running = 1;
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_OpenHlsStream success", port);
+    return KORVALEN_OK;
+}
+
+uint32_t Player_CloseHlsStream(uint32_t port)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        return KORVALEN_ERR_PORT;
+    }
+    if (!Port_SourceState(rec, &kHlsSourceOps)) {
+        return KORVALEN_OK;
+    }
+    Port_CloseSource(rec);
+    rec->playback.running = 0;
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_CloseHlsStream success", port);
+    return KORVALEN_OK;
+}
+
+uint32_t Player_UpdatePlayInfo(uint32_t port, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time)
+{
+    return Player_OnPort(port, [&](PortRecord& rec) {
+        void* hls = Port_SourceState(&rec, &kHlsSourceOps);
+        return hls ? HLSSRC_Update(hls, info, time) : KORVALEN_ERR_HLS_NOT_OPEN;
+    });
 }

@@ -30,9 +30,6 @@ void CloseSource(PortRecord* rec)
     case SOURCE_MEDIA_FILE:
         Player_CloseMediaFile(rec->port);
         break;
-    case SOURCE_HLS:
-        Player_CloseHlsStream(rec->port);
-        break;
     default:
         Port_CloseSource(rec);
         break;

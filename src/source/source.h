@@ -44,6 +44,11 @@ struct SOURCE_SINK {
     // maxRetries times when non-zero). 0, 524 refused, 260 full.
     uint32_t (*packet)(void* ctx, const uint8_t* data, uint32_t length, const std::atomic<uint32_t>* keepTrying,
                        uint32_t logEvery, uint32_t maxRetries) = nullptr;
+    // Straight into the packet buffer, past the callbacks and the recorder
+    // (frames a source has already parsed). 0, or 260 when it is full.
+    uint32_t (*queue)(void* ctx, const uint8_t* data, uint32_t length) = nullptr;
+    // Starts (1) or pauses (0) paced delivery.
+    void (*play)(void* ctx, uint32_t on) = nullptr;
     // A whole frame read from a container: parsed, decoded and shown (or
     // only decoded with SOURCE_FRAME_QUIET).
     void (*frame)(void* ctx, const FileFrameInfo* frame, uint32_t flags) = nullptr;
