@@ -22,4 +22,3 @@ uint32_t RTP_LookupCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom);
 // As RTP_LookupCodec, but a rejected type logs "Unknown Stream type(%d)" and
 // answers 524. 0 on success with *codecType set.
 uint32_t RTP_PayloadToCodec(uint8_t payloadType, const RTP_PAYLOAD_TABLE* custom, uint32_t* codecType);
-

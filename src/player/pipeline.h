@@ -61,8 +61,8 @@ struct Pipeline {
     PortDisplay video;
     PortPlayback playback;
     PortStream stream;
-    PortIva iva;         // SEI record and analysis overlay
-    PortFisheye fisheye; // fisheye views and electronic PTZ
+    PortIva iva;                          // SEI record and analysis overlay
+    PortFisheye fisheye;                  // fisheye views and electronic PTZ
     std::atomic<uint32_t> feedDecoder{1}; // 0: pushed data goes only to the source callback and the recorder
 
     // Playback defaults.

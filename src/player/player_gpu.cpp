@@ -5,15 +5,15 @@
 
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
-#include "port/player_api.h"
 #include "player/player_gpu.h"
-#include "port/port_table.h"
+#include "port/port.h"
 
 namespace {
 
 constexpr size_t kGpuStateSize = 32;
 std::atomic<uint32_t> g_maxSessions{0}; // 0 = as many as the device takes
 std::atomic<uint32_t> g_sessions{0};
+std::atomic<uint32_t> g_switch{0}; // each new port copies it
 
 void Capability(uint32_t able[2])
 {
@@ -29,13 +29,13 @@ uint32_t Player_AbleGpuDecode(uint32_t enable)
     uint8_t state[kGpuStateSize];
     if (enable != 1) {
         CODE_CatchHwDecEx(enable, state);
-        Player_SetGpuDecodeSwitch(0);
+        g_switch = 0;
         return 1;
     }
     uint32_t able[2];
     Capability(able);
     uint32_t answer = able[0] || able[1] ? 1 : 0;
-    Player_SetGpuDecodeSwitch(answer);
+    g_switch = answer;
     return answer;
 }
 
@@ -83,4 +83,9 @@ void Player_GpuSessionClosed()
 uint32_t Player_GpuSessions()
 {
     return g_sessions.load();
+}
+
+uint32_t Player_GpuDecodeSwitch()
+{
+    return g_switch.load();
 }

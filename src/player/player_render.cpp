@@ -1,5 +1,5 @@
-// Starting and stopping rendering, pausing, fluency, and the render thread
-// that paces pictures out of the off-screen queue into the display.
+// The render thread that paces pictures out of the off-screen queue into the
+// display, and its start and stop.
 #include <chrono>
 #include <cstdio>
 #include <mutex>
@@ -7,8 +7,8 @@
 #include "display/video_display.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "port/player_api.h"
 #include "player/player_pacing.h"
+#include "player/player_render.h"
 #include "port/port_table.h"
 
 namespace {
@@ -20,7 +20,6 @@ constexpr uint32_t kFirstFrameSleepMs = 10;
 constexpr uint32_t kIntervalCap = 60;
 constexpr uint32_t kMinInterval = 5;
 constexpr uint32_t kDisplayFailLogEvery = 100;
-constexpr uint32_t kMaxFluency = 5;
 
 bool Paced(uint32_t fluency)
 {
@@ -154,22 +153,10 @@ void ReleaseRendering(PortRecord* rec)
 
 } // namespace
 
-uint32_t Player_StartPlay(uint32_t port, uint64_t window)
+uint32_t Render_Start(PortRecord* rec, uint64_t window)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
+    const uint32_t port = rec->port;
     PortPlayback& pb = rec->playback;
-    if (pb.rendering) {
-        KORVALEN_LOG(KORVALEN_LOG_WARN, "Port [%03d] Player_StartPlay fail, Playing now", port);
-        return KORVALEN_OK;
-    }
-    if (rec->sourceKind == SOURCE_MEDIA_FILE) {
-        pb.running = 1;
-        File_OnPlayState(rec, true);
-    }
     if (Video_CreateDisplayDec(window, &rec->video.display) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port [%03d] Video_CreateDisplayDec fail", port);
         return KORVALEN_ERR_OUTPUT_CREATE;
@@ -206,18 +193,9 @@ uint32_t Player_StartPlay(uint32_t port, uint64_t window)
     return KORVALEN_OK;
 }
 
-uint32_t Player_StopPlay(uint32_t port, uint64_t)
+void Render_Stop(PortRecord* rec)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
     PortPlayback& pb = rec->playback;
-    if (rec->sourceKind == SOURCE_MEDIA_FILE) {
-        pb.running = 0;
-        File_OnPlayState(rec, false);
-    }
     pb.rendering = 0;
     QUEUE_WakePictureReader(&pb.offscreen);
     if (pb.renderThread.joinable()) {
@@ -227,54 +205,4 @@ uint32_t Player_StopPlay(uint32_t port, uint64_t)
     // The decode side writes into the queues under the data lock.
     std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
     ReleaseRendering(rec);
-    return KORVALEN_OK;
-}
-
-uint32_t Player_PausePlay(uint32_t port, uint32_t pause)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    if (rec->sourceKind != SOURCE_MEDIA_FILE && rec->sourceKind != SOURCE_HLS) {
-        return KORVALEN_ERR_NOT_SUPPORTED;
-    }
-    rec->playback.running = pause == 1 ? 0 : 1;
-    if (rec->sourceKind == SOURCE_MEDIA_FILE) {
-        File_OnPlayState(rec, pause != 1);
-    }
-    return KORVALEN_OK;
-}
-
-uint32_t Player_PauseLive(uint32_t port, uint32_t pause)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    rec->playback.livePaused = pause ? 1 : 0;
-    return KORVALEN_OK;
-}
-
-uint32_t Player_SetPictureFluency(uint32_t port, uint32_t fluency)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    if (fluency >= kMaxFluency) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
-    rec->playback.fluency = fluency == 2 ? FLUENCY_OFF : fluency;
-    return KORVALEN_OK;
-}
-
-uint32_t Player_SetOneFrameDecodeMode(uint32_t port)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    rec->playback.oneFrameDecode = 1;
-    return KORVALEN_OK;
 }

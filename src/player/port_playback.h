@@ -21,8 +21,8 @@ struct PortPlayback {
     std::atomic<uint32_t> rendering{0}; // the render thread shall run
     std::thread renderThread;
     std::atomic<uint64_t> window{0}; // set by the caller, read by the decode side
-    QUEUE_PICTURE_QUEUE decoded;   // decode thread -> adjustments
-    QUEUE_PICTURE_QUEUE offscreen; // pictures ready to show
+    QUEUE_PICTURE_QUEUE decoded;     // decode thread -> adjustments
+    QUEUE_PICTURE_QUEUE offscreen;   // pictures ready to show
     uint32_t pictureBuffers = kPictureBufferCount;
     std::atomic<uint32_t> fluency{FLUENCY_NORMAL};
     std::atomic<uint32_t> frameRate{0};     // of the stream

@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "codec/code_types.h"
+#include "media/rtp_payload.h"
 #include "net/net_socket.h"
 #include "net/rtp.h"
-#include "media/rtp_payload.h"
 #include "player/flv_parser.h"
 #include "player/ts_parser.h"
 

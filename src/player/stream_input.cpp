@@ -5,12 +5,12 @@
 
 #include "audio/audio_port.h"
 #include "codec/code_manager.h"
+#include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "heap/qmx_heap.h"
+#include "player/stream_decode.h"
 #include "port/player_api.h"
 #include "port/port_table.h"
-#include "player/stream_decode.h"
 #include "record/record.h"
 
 namespace {

@@ -3,11 +3,11 @@
 #include <cstring>
 
 #include "codec/code_sps_probe.h"
+#include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "media/codec_facts.h"
-#include "heap/qmx_heap.h"
-#include "port/port.h"
 #include "player/stream_decode.h"
+#include "port/port.h"
 
 namespace {
 

@@ -53,10 +53,6 @@ uint32_t Player_PausePlay(uint32_t port, uint32_t pause);
 uint32_t Player_PauseLive(uint32_t port, uint32_t pause);
 uint32_t Player_SetPictureFluency(uint32_t port, uint32_t fluency);
 uint32_t Player_SetOneFrameDecodeMode(uint32_t port);
-// Returns the switch's answer (1 on, 0 off), not an error code.
-uint32_t Player_AbleGpuDecode(uint32_t enable);
-uint32_t Player_AbleGpuDecodeEx(uint32_t enable, const KORVALEN_GPU_OPTIONS* options, uint32_t* deviceKind,
-                                uint32_t* sessions);
 uint32_t Player_GetFrameRate(uint32_t port, uint32_t* frameRate);
 uint32_t Player_GetBitRate(uint32_t port, uint32_t* bitRate);
 uint32_t Player_GetPictureSize(uint32_t port, uint32_t* width, uint32_t* height);

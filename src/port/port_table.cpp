@@ -6,9 +6,10 @@
 #include "audio/audio_device.h"
 #include "audio/audio_port.h"
 #include "codec/code_manager.h"
+#include "heap/qmx_heap.h"
 #include "hls/hls_cache.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
+#include "player/player_gpu.h"
 #include "port/player_api.h"
 #include "port/port_source.h"
 #include "report/report.h"
@@ -19,8 +20,6 @@ std::mutex g_tableLock;
 std::atomic<PortRecord*> g_ports[kPortCount];
 std::recursive_mutex g_portLocks[kPortCount];
 uint32_t g_cursor = 0;
-std::atomic<uint32_t> g_gpuDecode{0};
-
 void CloseSource(PortRecord* rec)
 {
     if (rec->voice.open) {
@@ -104,7 +103,7 @@ uint32_t Player_AllocPort(uint32_t* port)
         }
         rec->port = slot;
         rec->video.settings.port = slot;
-        rec->gpuDecode = g_gpuDecode.load();
+        rec->gpuDecode = Player_GpuDecodeSwitch();
         g_cursor = (slot + 1) % kPortCount;
         g_ports[slot].store(rec, std::memory_order_release);
     }
@@ -192,14 +191,4 @@ uint32_t Player_GetPacketQueueStart(uint32_t port, uint32_t* frameCount, uint32_
         *occupied = QUEUE_OccupiedSlots(&rec->packetBuffer);
     }
     return KORVALEN_OK;
-}
-
-uint32_t Player_GpuDecodeSwitch()
-{
-    return g_gpuDecode.load();
-}
-
-void Player_SetGpuDecodeSwitch(uint32_t on)
-{
-    g_gpuDecode.store(on);
 }

@@ -35,7 +35,3 @@ uint32_t Player_ActivePortCount();
 uint32_t Player_SetPacketBuffer(uint32_t port, uint32_t bufferSize, uint32_t delayRenderTime);
 uint32_t Player_SetBufferCtrl(uint32_t port, uint32_t bufferCtrl);
 uint32_t Player_GetPacketQueueStart(uint32_t port, uint32_t* frameCount, uint32_t* occupied);
-
-// Global GPU-decode switch that each new port copies.
-uint32_t Player_GpuDecodeSwitch();
-void Player_SetGpuDecodeSwitch(uint32_t on);

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <cstdio>
 
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log/log_file.h"
 #include "platform/platform.h"
-#include "heap/qmx_heap.h"
 #include "port/port_table.h"
 #include "report/report.h"
 #include "sdk/sdk_frame.h"

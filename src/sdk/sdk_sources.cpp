@@ -1,7 +1,7 @@
 // Exported source functions: live network stream, pushed stream, media file
 // and HLS.
-#include "korvalen.h"
 #include "hls/hls_port.h"
+#include "korvalen.h"
 #include "net/net_socket.h"
 #include "port/player_api.h"
 #include "sdk/sdk_frame.h"

@@ -35,9 +35,9 @@ enum SourceFrameFlags : uint32_t {
 // may be called from the source's own thread.
 struct SOURCE_SINK {
     void* ctx = nullptr;
-    uint32_t port = 0;                            // for log lines and run messages
-    const RTP_PAYLOAD_TABLE* payloads = nullptr;  // the port's payload-type table
-    const std::atomic<uint32_t>* feed = nullptr;  // 0: data goes only to the callbacks and the recorder
+    uint32_t port = 0;                              // for log lines and run messages
+    const RTP_PAYLOAD_TABLE* payloads = nullptr;    // the port's payload-type table
+    const std::atomic<uint32_t>* feed = nullptr;    // 0: data goes only to the callbacks and the recorder
     const std::atomic<uint32_t>* playing = nullptr; // file and HLS pacing: 0 paused, 1 playing
     // A received packet or pushed chunk: the source callback, the recorder,
     // then the packet buffer (waiting while keepTrying allows, at most

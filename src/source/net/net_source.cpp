@@ -105,8 +105,7 @@ void RecvThread(NetSource* src)
         // Every packet of the video session shares one sequence space: all of
         // them go through the reordering queue (aggregation packets too, or
         // the queue would wait for their numbers and give packets up).
-        if (len >= 12 && (pkt[0] & 0xC0) == 0x80 &&
-            Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, src->sink.payloads))) {
+        if (len >= 12 && (pkt[0] & 0xC0) == 0x80 && Codec_IsVideo(RTP_LookupCodec(pkt[1] & 0x7F, src->sink.payloads))) {
             uint32_t err = QUEUE_AddAdjustPktSeqData(pkt, len, &n.reorder);
             if (err != KORVALEN_OK) {
                 KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] QUEUE_AddAdjustPktSeqData failed, error(0x%x)", port, err);
