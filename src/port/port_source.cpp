@@ -83,7 +83,8 @@ uint32_t Player_OpenNetStream(uint32_t port, const char* localIp, uint16_t local
 uint32_t Player_CloseNetStream(uint32_t port)
 {
     PortRecord* rec = Player_GetPort(port);
-    if (!rec || !Port_SourceState(rec, &kNetSourceOps)) {
+    // A stream that voice talk opened for itself is closed by voice talk.
+    if (!rec || !Port_SourceState(rec, &kNetSourceOps) || rec->sourceKind == SOURCE_VOICE) {
         return KORVALEN_OK;
     }
     Port_CloseSource(rec);
@@ -181,7 +182,7 @@ uint32_t Player_InputMediaData(uint32_t port, const uint8_t* data, uint32_t leng
 uint32_t Player_CloseInputStream(uint32_t port)
 {
     PortRecord* rec = Player_GetPort(port);
-    if (!rec || !Port_SourceState(rec, &kPushSourceOps)) {
+    if (!rec || !Port_SourceState(rec, &kPushSourceOps) || rec->sourceKind == SOURCE_VOICE) {
         return KORVALEN_OK;
     }
     Port_CloseSource(rec);
