@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static IVA_STORE store;
     static SEI_INFO info;
-    info.ivaStore = &store;
+    IVA_AttachStore(&info, &store);
     if (size < 1) {
         return 0;
     }

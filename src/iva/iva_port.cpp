@@ -152,7 +152,7 @@ PortIva::~PortIva()
 void IVA_ParseFrame(PortRecord* rec, const uint8_t* data, uint32_t length, uint32_t codec)
 {
     PortIva& iva = rec->iva;
-    iva.sei.ivaStore = &iva.latest;
+    IVA_AttachStore(&iva.sei, &iva.latest);
     Sei_Parse(codec, data, length, &iva.sei);
     if (iva.sei.flags & SEI_FLAG_FISHEYE) {
         {

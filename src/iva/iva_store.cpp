@@ -3,10 +3,9 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
-#include "sei/sei_parse.h"
 
 namespace {
 
@@ -201,4 +200,15 @@ IVA_RULE IVA_GetRule(const IVA_RECORD& rules, uint32_t i)
     r.lineValue = LoadLe32(e + 92);
     r.fillValue = LoadLe32(e + 96);
     return r;
+}
+
+uint32_t IVA_StoreRecord(void* ctx, uint32_t kind, const uint8_t* data, uint32_t length)
+{
+    return IvaV2Parse(kind, static_cast<IVA_STORE*>(ctx), data, length);
+}
+
+void IVA_AttachStore(SEI_INFO* sei, IVA_STORE* store)
+{
+    sei->ivaRecord = &IVA_StoreRecord;
+    sei->ivaCtx = store;
 }

@@ -5,8 +5,10 @@
 
 #include <cstdint>
 
+#include "sei/sei_parse.h"
+
 constexpr uint32_t IVA_VERSION_OLD = 1;
-constexpr uint32_t IVA_VERSION_CURRENT = 2;
+constexpr uint32_t IVA_VERSION_CURRENT = SEI_IVA_VERSION;
 
 constexpr uint32_t IVA_HEADER_SIZE = 12;
 constexpr uint32_t IVA_RESULT_ENTRY = 36;
@@ -71,6 +73,10 @@ struct IVA_RULE {
 // for a record that is ignored or has the wrong length (logged, ready flag
 // left unset); 1025 for a null store or data; 3 without memory.
 uint32_t IvaV2Parse(uint32_t kind, IVA_STORE* store, const uint8_t* data, uint32_t length);
+// The SEI parser's record hook: ctx is the IVA_STORE.
+uint32_t IVA_StoreRecord(void* ctx, uint32_t kind, const uint8_t* data, uint32_t length);
+// Points the SEI record's analysis hook at a store.
+void IVA_AttachStore(SEI_INFO* sei, IVA_STORE* store);
 
 // Makes dst a copy of src, growing dst's buffers as needed. 0 or 3.
 uint32_t IVA_CopyStore(IVA_STORE* dst, const IVA_STORE* src);

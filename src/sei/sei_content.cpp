@@ -3,10 +3,9 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "iva/iva_store.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 #include "sei/sei_parse.h"
 
 namespace {
@@ -149,10 +148,11 @@ uint32_t Sei_IvaV2Parse(const uint8_t* payload, uint32_t length, uint32_t kind, 
     if (err != KORVALEN_OK) {
         return err;
     }
-    info->ivaVersion = IVA_VERSION_CURRENT;
+    info->ivaVersion = SEI_IVA_VERSION;
     info->flags |= kind;
     // The record's kind follows the subtype of this message, so results and
     // rules may come in either order within one access unit.
-    return IvaV2Parse(kind == SEI_FLAG_IVA_RESULT ? IVA_KIND_RESULT : IVA_KIND_RULE, info->ivaStore, info->iva.data,
-                      info->iva.length);
+    const uint32_t record = kind == SEI_FLAG_IVA_RESULT ? IVA_KIND_RESULT : IVA_KIND_RULE;
+    return info->ivaRecord ? info->ivaRecord(info->ivaCtx, record, info->iva.data, info->iva.length)
+                           : KORVALEN_ERR_IVA_DRAW;
 }

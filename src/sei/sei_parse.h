@@ -6,8 +6,6 @@
 
 #include <cstdint>
 
-struct IVA_STORE;
-
 // Presence flags, cleared at the start of each access unit.
 enum SeiFlag : uint32_t {
     SEI_FLAG_UCODE = 1,
@@ -34,6 +32,8 @@ constexpr uint8_t SEI_SUBTYPE_IVA_RULE = 33;
 // IVA record kinds handed to IvaV2Parse.
 constexpr uint32_t IVA_KIND_RESULT = 16;
 constexpr uint32_t IVA_KIND_RULE = 17;
+// Version marker of the analysis payload this parser reads.
+constexpr uint32_t SEI_IVA_VERSION = 2;
 
 // A payload buffer of one content kind: lives as long as the port, only
 // grows, so steady streams parse without allocating.
@@ -55,9 +55,12 @@ struct SEI_INFO {
     uint8_t watermarkFields[2][16] = {};
     uint16_t fisheyeParams[3] = {};
     uint16_t voicePosition = 0;
-    uint32_t ivaVersion = 0;       // kind marker of the IVA payload: 2
-    uint32_t errorCount = 0;       // failures of every message, for rate-limited logging
-    IVA_STORE* ivaStore = nullptr; // where IVA records go
+    uint32_t ivaVersion = 0; // kind marker of the IVA payload: 2
+    uint32_t errorCount = 0; // failures of every message, for rate-limited logging
+    // Where analysis records go, as each message is parsed (results and rules
+    // may both come in one access unit). Returns 0 or the record's error.
+    uint32_t (*ivaRecord)(void* ctx, uint32_t kind, const uint8_t* data, uint32_t length) = nullptr;
+    void* ivaCtx = nullptr;
 };
 
 // Frees the payload buffers; the record can be used again.

@@ -38,7 +38,7 @@ Bytes Cat(std::initializer_list<Bytes> parts)
 struct SeiFixture : ::testing::Test {
     IVA_STORE store;
     SEI_INFO info;
-    void SetUp() override { info.ivaStore = &store; }
+    void SetUp() override { IVA_AttachStore(&info, &store); }
     void TearDown() override
     {
         Sei_ReleaseInfo(&info);
@@ -352,7 +352,7 @@ TEST(SeiStream, InjectedIntoEncodedStreamsReadsBack)
 
         IVA_STORE store;
         SEI_INFO info;
-        info.ivaStore = &store;
+        IVA_AttachStore(&info, &store);
         // The encoder's own user-data SEI (its version text, repeated at key
         // frames) is a subtype this system does not know: counted, not fatal.
         // The stream without our units tells how many there are.
@@ -427,7 +427,7 @@ TEST(SeiInjectTool, WritesTheDescriptionIntoAStreamAndRefusesBadLines)
     ASSERT_EQ(aus.size(), 25u);
     IVA_STORE store;
     SEI_INFO info;
-    info.ivaStore = &store;
+    IVA_AttachStore(&info, &store);
     ASSERT_EQ(Sei_Parse(KORVALEN_CODEC_H265, aus[2].data(), static_cast<uint32_t>(aus[2].size()), &info), 0u);
     EXPECT_EQ(info.flags, static_cast<uint32_t>(SEI_FLAG_IVA_RULE | SEI_FLAG_VOICE));
     EXPECT_EQ(info.voicePosition, 1234u);
