@@ -7,7 +7,7 @@
 #include "korvalen_types.h"
 #include "heap/qmx_heap.h"
 #include "port/port.h"
-#include "player/stream_decode.h"
+#include "pipeline/stream_decode.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

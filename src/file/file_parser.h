@@ -13,7 +13,7 @@
 #include <cstdio>
 
 #include "mp4/mp4_reader.h"
-#include "player/ts_parser.h"
+#include "pipeline/ts_parser.h"
 
 constexpr uint32_t kFileFrameBufferSize = 0x200000;
 constexpr uint32_t kFileTsBufferSize = 0x200000;

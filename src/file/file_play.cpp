@@ -14,7 +14,7 @@
 #include "port/player_api.h"
 #include "port/port_table.h"
 #include "report/report.h"
-#include "player/stream_decode.h"
+#include "pipeline/stream_decode.h"
 
 namespace {
 

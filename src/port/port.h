@@ -6,7 +6,7 @@
 
 #include "audio/port_voice.h"
 #include "file/port_file.h"
-#include "player/pipeline.h"
+#include "pipeline/pipeline.h"
 #include "source/source.h"
 
 struct PortRecord : Pipeline {

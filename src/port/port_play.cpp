@@ -2,7 +2,7 @@
 // and live pictures, fluency, and one-frame decoding.
 #include "file/port_file.h"
 #include "log/log.h"
-#include "player/player_render.h"
+#include "pipeline/player_render.h"
 #include "port/player_api.h"
 #include "port/port_table.h"
 

@@ -4,7 +4,7 @@
 
 #include "hls/hls_port.h"
 #include "log/log.h"
-#include "player/stream_decode.h"
+#include "pipeline/stream_decode.h"
 #include "port/player_api.h"
 #include "port/port_table.h"
 #include "source/net/net_source.h"

@@ -9,7 +9,7 @@
 #include "heap/qmx_heap.h"
 #include "hls/hls_cache.h"
 #include "log/log.h"
-#include "player/player_gpu.h"
+#include "pipeline/player_gpu.h"
 #include "port/player_api.h"
 #include "port/port_source.h"
 #include "report/report.h"

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "net/rtp.h"
-#include "player/flv_parser.h"
-#include "player/ts_parser.h"
+#include "pipeline/flv_parser.h"
+#include "pipeline/ts_parser.h"
 
 struct REC_FRAME {
     const uint8_t* data;

@@ -1,6 +1,6 @@
 // Exported play control, statistics and file-position functions.
 #include "korvalen.h"
-#include "player/player_gpu.h"
+#include "pipeline/player_gpu.h"
 #include "port/player_api.h"
 #include "sdk/sdk_frame.h"
 

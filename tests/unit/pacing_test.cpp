@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "player/player_pacing.h"
+#include "pipeline/player_pacing.h"
 
 TEST(Pacing, AdjustmentAheadBehindAndSlowStreams)
 {

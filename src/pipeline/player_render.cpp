@@ -7,8 +7,8 @@
 #include "display/video_display.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "player/player_pacing.h"
-#include "player/player_render.h"
+#include "pipeline/player_pacing.h"
+#include "pipeline/player_render.h"
 #include "port/port_table.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
-#include "player/player_gpu.h"
+#include "pipeline/player_gpu.h"
 #include "port/port.h"
 
 namespace {

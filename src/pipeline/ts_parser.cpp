@@ -1,4 +1,4 @@
-#include "player/ts_parser.h"
+#include "pipeline/ts_parser.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // The stream decode thread: takes packets from the port's packet buffer,
 // parses them into frames, decodes, and hands pictures to the render side
 // and sound to the sound player, with the data callbacks at each stage.
-#include "player/stream_decode.h"
+#include "pipeline/stream_decode.h"
 #include "media/codec_facts.h"
 
 #include <mutex>
@@ -12,8 +12,8 @@
 #include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "player/player_gpu.h"
-#include "player/player_pacing.h"
+#include "pipeline/player_gpu.h"
+#include "pipeline/player_pacing.h"
 #include "port/port.h"
 #include "record/record.h"
 

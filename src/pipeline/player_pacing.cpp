@@ -1,6 +1,6 @@
-#include "player/player_pacing.h"
+#include "pipeline/player_pacing.h"
 
-#include "player/port_playback.h"
+#include "pipeline/port_playback.h"
 
 namespace {
 constexpr uint32_t kDefaultPeriod = 40;

@@ -6,7 +6,7 @@
 #include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "media/codec_facts.h"
-#include "player/stream_decode.h"
+#include "pipeline/stream_decode.h"
 #include "port/port.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "player/flv_parser.h"
+#include "pipeline/flv_parser.h"
 
 #include <cstring>
 

@@ -8,7 +8,7 @@
 #include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "player/stream_decode.h"
+#include "pipeline/stream_decode.h"
 #include "port/player_api.h"
 #include "port/port_table.h"
 #include "record/record.h"
