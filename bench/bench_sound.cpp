@@ -62,7 +62,7 @@ double KorvalenCpu(int ports, uint32_t rate, uint32_t channels, uint32_t frameSa
         AUDIO_PCM_FRAME frame{reinterpret_cast<const uint8_t*>(pcm.data() + f * frameSamples * channels),
                               frameSamples * channels * 2, rate, channels, 16};
         for (uint32_t p : ids) {
-            Audio_PlayPortFrame(Player_GetPort(p), &frame);
+            Audio_PlayPortFrame(Player_GetPort(p)->sound, p, Player_GetPort(p)->dataLock, &frame);
         }
         next += step;
         std::this_thread::sleep_until(next);
@@ -123,7 +123,7 @@ void QueuedLatency(double* serverMs, double* ringMs)
     for (int f = 0; f < 200; ++f) {
         AUDIO_PCM_FRAME frame{reinterpret_cast<const uint8_t*>(pcm.data() + f * frameSamples), frameSamples * 2, rate,
                               1, 16};
-        Audio_PlayPortFrame(rec, &frame);
+        Audio_PlayPortFrame(rec->sound, rec->port, rec->dataLock, &frame);
         if (f >= 100 && rec->sound.play) {
             CDsoundPlay* play = rec->sound.play;
             uint32_t slots = play->RingSlots();

@@ -7,9 +7,9 @@
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
 #include <webrtc/modules/interface/module_common_types.h>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <new>
 
 #include "audio/pulse_play.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 constexpr int32_t kSilence = -10000;

@@ -40,6 +40,7 @@ struct PortVoice {
     uint32_t rateIndex = 0;
     uint32_t channels = 1;
 
+    uint32_t port = 0; // for log lines
     uint32_t open = 0;
     uint32_t mode = 0;
     uint32_t protocol = 0;

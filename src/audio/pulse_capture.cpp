@@ -6,9 +6,9 @@
 #include <pulse/pulseaudio.h>
 
 #include "audio/audio_device.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 #include "report/report.h"
 
 namespace {

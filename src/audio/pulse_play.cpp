@@ -6,10 +6,10 @@
 #include <pulse/pulseaudio.h>
 
 #include "audio/audio_device.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 
@@ -139,7 +139,8 @@ uint32_t CPulsePlay::CreateSoundDec(const AUDIO_WAVE_FORMAT& format, uint32_t bl
     }
 
     AudioLoopLock lock;
-    pa_sample_spec sampleSpec{SampleFormat(format.bitsPerSample), format.sampleRate, static_cast<uint8_t>(format.channels)};
+    pa_sample_spec sampleSpec{SampleFormat(format.bitsPerSample), format.sampleRate,
+                              static_cast<uint8_t>(format.channels)};
     pa_channel_map map;
     if (format.channels == 1) {
         // A mono stream on one named speaker stays on that speaker.

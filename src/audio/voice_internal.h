@@ -9,27 +9,18 @@
 #include "audio/port_voice.h"
 
 constexpr uint32_t kBroadcastPorts = 128;
-constexpr uint32_t kBroadcastFree = 65535;
 constexpr uint32_t kBroadcastSlotPayload = 2048;
-
-struct PortRecord;
 
 // Process-wide broadcast state: one capture and encoder whose packets are
 // queued to every registered port.
 struct VOICE_BROADCAST {
-    VOICE_BROADCAST()
-    {
-        for (auto& p : ports) {
-            p = kBroadcastFree;
-        }
-    }
     std::atomic<int32_t> count{0};
     std::mutex lock; // the shared sender, its last packet and the list
     VOICE_SENDER sender;
     uint32_t built = 0;
     uint32_t packetLen = 0; // RTP length of the packet in the send buffer
     CMicCapture* capture = nullptr;
-    std::atomic<uint32_t> ports[kBroadcastPorts];
+    std::atomic<PortVoice*> voices[kBroadcastPorts] = {}; // the ports that broadcast
 };
 VOICE_BROADCAST& Voice_Broadcast();
 
@@ -42,9 +33,12 @@ uint32_t Voice_InitSender(VOICE_SENDER* s, uint32_t codecType, uint32_t sampleRa
 uint32_t Voice_CreateEncoder(VOICE_SENDER* s, uint32_t codecType, uint32_t sampleRate);
 void Voice_FreeSender(VOICE_SENDER* s);
 
-// The capture callbacks: context is the port record (talk) or the broadcast
-// port list (broadcast).
-void Player_SendVoice(const uint8_t* pcm, uint32_t length, void* rec);
+// The capture callbacks: context is the port's voice record (talk) or the
+// broadcast list (broadcast).
+void Player_SendVoice(const uint8_t* pcm, uint32_t length, void* voice);
 void Player_SendBroacdcast(const uint8_t* pcm, uint32_t length, void* list);
 
-void Voice_BroadcastThread(PortRecord* rec);
+// Voice the caller feeds (sent as codec 7). 0, or 7 when nothing is set up.
+uint32_t Voice_SendFed(PortVoice& v, const uint8_t* pcm, uint32_t length);
+
+void Voice_BroadcastThread(PortVoice* v);

@@ -9,13 +9,11 @@
 
 #include "audio/voice_internal.h"
 #include "codec/code_manager.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "net/rtp.h"
 #include "net/rtp_bytes.h"
-#include "heap/qmx_heap.h"
-#include "port/port.h"
-#include "port/port_table.h"
 
 namespace {
 
@@ -102,9 +100,8 @@ void SendOnSocket(NET_SOCKET* sock, const uint8_t* data, uint32_t length, uint32
     }
 }
 
-uint32_t SendTalk(PortRecord* rec, const uint8_t* pcm, uint32_t length, bool fixedPcm)
+uint32_t SendTalk(PortVoice& v, const uint8_t* pcm, uint32_t length, bool fixedPcm)
 {
-    PortVoice& v = rec->voice;
     VOICE_SENDER* s = &v.sender;
     std::lock_guard<std::mutex> guard(s->lock);
     if (!s->sendBuf) {
@@ -113,11 +110,11 @@ uint32_t SendTalk(PortRecord* rec, const uint8_t* pcm, uint32_t length, bool fix
     // Caller-fed voice always goes out as codec 7, whatever was encoded.
     uint32_t rtpCodec = fixedPcm ? KORVALEN_CODEC_PCM : s->codecType;
     auto fail = [&](uint32_t err) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port [%03d] Player_SendVoice fail, Codec_Encode AAC fail, error(%d)",
-                     rec->port, err);
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port [%03d] Player_SendVoice fail, Codec_Encode AAC fail, error(%d)", v.port,
+                     err);
     };
     return EncodeAndSend(s, pcm, length, rtpCodec, fail, [&](uint32_t packetLen) {
-        SendOnSocket(v.sock, s->sendBuf, packetLen + kVoiceFrameHeader, rec->port);
+        SendOnSocket(v.sock, s->sendBuf, packetLen + kVoiceFrameHeader, v.port);
     });
 }
 
@@ -196,13 +193,13 @@ void Voice_FreeSender(VOICE_SENDER* s)
 
 void Player_SendVoice(const uint8_t* pcm, uint32_t length, void* context)
 {
-    SendTalk(static_cast<PortRecord*>(context), pcm, length, false);
+    SendTalk(*static_cast<PortVoice*>(context), pcm, length, false);
 }
 
 void Player_SendBroacdcast(const uint8_t* pcm, uint32_t length, void* list)
 {
     VOICE_BROADCAST& b = Voice_Broadcast();
-    auto* ports = static_cast<std::atomic<uint32_t>*>(list);
+    auto* voices = static_cast<std::atomic<PortVoice*>*>(list);
     std::lock_guard<std::mutex> guard(b.lock);
     VOICE_SENDER* s = &b.sender;
     if (!s->sendBuf) {
@@ -214,24 +211,23 @@ void Player_SendBroacdcast(const uint8_t* pcm, uint32_t length, void* list)
     EncodeAndSend(s, pcm, length, s->codecType, fail, [&](uint32_t packetLen) {
         b.packetLen = packetLen;
         for (uint32_t i = 0; i < kBroadcastPorts; ++i) {
-            uint32_t port = ports[i].load();
-            PortRecord* rec = port == kBroadcastFree ? nullptr : Player_GetPort(port);
-            if (!rec || !rec->voice.bcQueueOpen) {
+            PortVoice* v = voices[i].load();
+            if (!v || !v->bcQueueOpen) {
                 continue;
             }
-            uint32_t err = QUEUE_AddPacketEx(s->sendBuf, packetLen + kVoiceFrameHeader, nullptr, &rec->voice.bcQueue);
+            uint32_t err = QUEUE_AddPacketEx(s->sendBuf, packetLen + kVoiceFrameHeader, nullptr, &v->bcQueue);
             if (err != KORVALEN_OK) {
                 KORVALEN_LOG(KORVALEN_LOG_WARN,
-                             "Player_SendBroacdcast fail, QUEUE_AddPacketEx fail, port : %d, error(%d)", port, err);
+                             "Player_SendBroacdcast fail, QUEUE_AddPacketEx fail, port : %d, error(%d)", v->port, err);
             }
         }
     });
 }
 
-void Voice_BroadcastThread(PortRecord* rec)
+void Voice_BroadcastThread(PortVoice* voice)
 {
-    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __BroadcastThreadEntry thread succeed", rec->port);
-    PortVoice& v = rec->voice;
+    PortVoice& v = *voice;
+    KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __BroadcastThreadEntry thread succeed", v.port);
     VOICE_BROADCAST& b = Voice_Broadcast();
     uint8_t packet[kVoiceSendBufSize];
     while (v.bcRunning == 1) {
@@ -253,24 +249,13 @@ void Voice_BroadcastThread(PortRecord* rec)
             }
         }
         if (len) {
-            SendOnSocket(v.sock, packet, len, rec->port);
+            SendOnSocket(v.sock, packet, len, v.port);
         }
     }
     KORVALEN_LOG(KORVALEN_LOG_INFO, "__BroadcastThreadEntry quite");
 }
 
-uint32_t Player_VoiceInputData(uint32_t port, const uint8_t* data, uint32_t length)
+uint32_t Voice_SendFed(PortVoice& v, const uint8_t* pcm, uint32_t length)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%03d] fail", port);
-        return KORVALEN_ERR_PORT;
-    }
-    if (!data || length == 0) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
-    if (!rec->voice.open) {
-        return KORVALEN_ERR_NOT_SUPPORTED;
-    }
-    return SendTalk(rec, data, length, true);
+    return SendTalk(v, pcm, length, true);
 }

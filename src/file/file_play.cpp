@@ -298,7 +298,7 @@ void FilePlayThread(PortRecord* rec)
             Player_FileSleepProc(&previous, rec->speedFactor, rec);
         }
     }
-    Audio_ReleasePortSound(rec);
+    Audio_ReleasePortSound(rec->sound, rec->dataLock);
 }
 
 void ResetPlayState(PortRecord* rec)

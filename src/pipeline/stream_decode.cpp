@@ -253,12 +253,12 @@ void DecodeAudio(PortRecord* rec)
             KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_Decoder failed, error(0x%x), num[%d]", rec->port, err,
                          ++st.decodeFailures);
         }
-        Audio_PlayPortFrame(rec, nullptr);
+        Audio_PlayPortFrame(rec->sound, rec->port, rec->dataLock, nullptr);
         return;
     }
     CODE_OUTPUT& out = st.audioOut;
     AUDIO_PCM_FRAME pcm{out.data, out.length, out.sampleRate, out.channels, out.sampleSize};
-    Audio_PlayPortFrame(rec, &pcm);
+    Audio_PlayPortFrame(rec->sound, rec->port, rec->dataLock, &pcm);
     KORVALEN_DECODED_AUDIO a{};
     a.data = out.data;
     a.length = out.length;
@@ -300,7 +300,7 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
         if (rec->playback.videoDecode || rec->callbacks.decodeVideo.fn || rec->recorder.snap.pending) {
             DecodeVideo(rec);
         }
-        Audio_PlayPortFrame(rec, nullptr);
+        Audio_PlayPortFrame(rec->sound, rec->port, rec->dataLock, nullptr);
     } else if (Codec_IsAudio(f.codecType)) {
         rec->playback.audioCodec = f.codecType;
         auto& cb = rec->callbacks.parseAudio;
@@ -358,7 +358,7 @@ void DecodeThread(PortRecord* rec)
         } while (((st.parseMode == PARSE_TS && st.ts.resume) || (st.parseMode == PARSE_FLV && st.flv.resume)) &&
                  st.decodeRunning);
     }
-    Audio_ReleasePortSound(rec);
+    Audio_ReleasePortSound(rec->sound, rec->dataLock);
 }
 
 } // namespace

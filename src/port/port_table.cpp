@@ -120,7 +120,7 @@ void Player_FreePort(uint32_t port)
     }
     CloseSource(rec);
     Player_StopPlay(port, rec->playback.window);
-    Audio_ReleasePortSound(rec);
+    Audio_ReleasePortSound(rec->sound, rec->dataLock);
     Video_DestroyDisplayDec(rec->video.display);
     QUEUE_ReleasePacketBuffer(&rec->packetBuffer);
     {

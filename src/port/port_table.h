@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "korvalen_types.h"
+#include "log/log.h"
 #include "port/port.h"
 
 constexpr uint32_t kPortCount = 256;
@@ -27,6 +28,17 @@ template <typename F> uint32_t Player_OnPort(uint32_t port, F&& f)
 {
     PortRecord* rec = Player_GetPort(port);
     return rec ? f(*rec) : KORVALEN_ERR_PORT;
+}
+
+// As Player_OnPort, and logs "Get port[%d] fail" for a port without one.
+template <typename F> uint32_t Player_OnPortOrLog(uint32_t port, F&& f)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
+        return KORVALEN_ERR_PORT;
+    }
+    return f(*rec);
 }
 
 // Allocated ports playing a source (input, network, file or HLS).

@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "audio/audio_port.h"
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "port/port.h"
 #include "port/port_table.h"
 #include "pulse_server.h"
@@ -88,7 +88,7 @@ struct SoundTest : ::testing::Test {
         auto feed = [&] {
             for (auto& [port, tone] : ports) {
                 AUDIO_PCM_FRAME frame = tone->Next();
-                Audio_PlayPortFrame(Player_GetPort(port), &frame);
+                Audio_PlayPortFrame(Player_GetPort(port)->sound, port, Player_GetPort(port)->dataLock, &frame);
             }
             next += std::chrono::milliseconds(20);
             std::this_thread::sleep_until(next);
@@ -192,7 +192,7 @@ TEST_F(SoundTest, ServerGoingAwayAndComingBack)
     server.Kill();
     for (int f = 0; f < 50 && rec->sound.open; ++f) {
         AUDIO_PCM_FRAME frame = tone.Next();
-        Audio_PlayPortFrame(rec, &frame);
+        Audio_PlayPortFrame(rec->sound, rec->port, rec->dataLock, &frame);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(rec->sound.open, 0u) << "the port goes on without sound";
@@ -202,7 +202,7 @@ TEST_F(SoundTest, ServerGoingAwayAndComingBack)
     ASSERT_EQ(Korvalen_OpenSound(a), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(1100)); // past the reconnect back-off
     AUDIO_PCM_FRAME frame = tone.Next();
-    Audio_PlayPortFrame(rec, &frame);
+    Audio_PlayPortFrame(rec->sound, rec->port, rec->dataLock, &frame);
     EXPECT_TRUE(log.Has("CDsoundPlay::CreateSoundDec failed, sm_gpDSound is null"));
     EXPECT_EQ(rec->sound.open, 0u);
 

@@ -9,8 +9,8 @@
 #include "port/player_api.h"
 #include "port/port.h"
 #include "port/port_source.h"
-#include "source/net/net_source.h"
 #include "port/port_table.h"
+#include "source/net/net_source.h"
 
 namespace {
 
@@ -73,7 +73,7 @@ uint32_t BuildSharedLocked(VOICE_BROADCAST& b, uint32_t port, uint32_t codecType
         FreeSharedLocked(b);
         return KORVALEN_ERR_AUDIO_DEVICE;
     }
-    Audio_SetCaptureCallBack(b.capture, &Player_SendBroacdcast, b.ports);
+    Audio_SetCaptureCallBack(b.capture, &Player_SendBroacdcast, b.voices);
     b.built = 1;
     return KORVALEN_OK;
 }
@@ -86,7 +86,7 @@ void LeaveBroadcast(PortVoice& v)
     VOICE_BROADCAST& b = Voice_Broadcast();
     if (v.bcSlot >= 0) {
         std::lock_guard<std::mutex> guard(b.lock);
-        b.ports[v.bcSlot] = kBroadcastFree;
+        b.voices[v.bcSlot] = nullptr;
         v.bcSlot = -1;
     }
     v.bcRunning = 0;
@@ -219,8 +219,8 @@ uint32_t JoinBroadcast(PortRecord* rec, uint32_t codecType, uint32_t blockSize, 
         }
     }
     for (uint32_t i = 0; i < kBroadcastPorts && v.bcSlot < 0; ++i) {
-        uint32_t expected = kBroadcastFree;
-        if (b.ports[i].compare_exchange_strong(expected, rec->port)) {
+        PortVoice* expected = nullptr;
+        if (b.voices[i].compare_exchange_strong(expected, &v)) {
             v.bcSlot = static_cast<int32_t>(i);
         }
     }
@@ -233,7 +233,7 @@ uint32_t JoinBroadcast(PortRecord* rec, uint32_t codecType, uint32_t blockSize, 
     v.bcQueueOpen = 1;
     v.bcRunning = 1;
     try {
-        v.bcThread = std::thread(&Voice_BroadcastThread, rec);
+        v.bcThread = std::thread(&Voice_BroadcastThread, &v);
     } catch (...) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] KTFW_SDK_thr_create(0x%x) failed", rec->port,
                      KORVALEN_ERR_THREAD_CREATE);
@@ -283,6 +283,7 @@ uint32_t Player_OpenVoiceSvc(uint32_t port, uint32_t mode, uint32_t socket, cons
     if (v.open || rec->sourceKind != SOURCE_NONE) {
         return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
     }
+    v.port = port;
     uint32_t codecType = KORVALEN_CODEC_NONE;
     uint32_t blockSize = 0;
     if (!Voice_EncodeFormat(v.encodeType, &codecType, &blockSize)) {
@@ -313,7 +314,7 @@ uint32_t Player_OpenVoiceSvc(uint32_t port, uint32_t mode, uint32_t socket, cons
             KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, Audio_CreateCaptureDec fail", port);
             err = KORVALEN_ERR_AUDIO_DEVICE;
         } else {
-            err = Audio_SetCaptureCallBack(v.capture, &Player_SendVoice, rec);
+            err = Audio_SetCaptureCallBack(v.capture, &Player_SendVoice, &v);
             if (err != KORVALEN_OK) {
                 KORVALEN_LOG(KORVALEN_LOG_ERROR,
                              "Port[%03d] Player_OpenVoiceSvc fail, Audio_SetCaptureCallBack fail, error(0x%x)", port,
@@ -410,4 +411,20 @@ uint32_t Player_GetMicQuietStatus(uint32_t port, uint32_t* quiet)
     }
     *quiet = rec->voice.micMuted;
     return KORVALEN_OK;
+}
+
+uint32_t Player_VoiceInputData(uint32_t port, const uint8_t* data, uint32_t length)
+{
+    PortRecord* rec = Player_GetPort(port);
+    if (!rec) {
+        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%03d] fail", port);
+        return KORVALEN_ERR_PORT;
+    }
+    if (!data || length == 0) {
+        return KORVALEN_ERR_INVALID_PARAM;
+    }
+    if (!rec->voice.open) {
+        return KORVALEN_ERR_NOT_SUPPORTED;
+    }
+    return Voice_SendFed(rec->voice, data, length);
 }
