@@ -7,8 +7,6 @@
 
 #include "fisheye/fisheye_port.h"
 #include "platform/platform.h"
-#include "port/player_api.h"
-#include "port/port_table.h"
 
 namespace {
 
@@ -104,13 +102,8 @@ using Handler = uint32_t (*)(PortFisheye& fe, double ox, double oy, int32_t arg)
 
 // Runs h on the port's state with the point in output pixels: 1540 when no
 // view takes the mouse, before anything was shown.
-uint32_t WithState(uint32_t port, uint32_t x, uint32_t y, int32_t arg, Handler h)
+uint32_t WithState(PortFisheye& fe, uint32_t x, uint32_t y, int32_t arg, Handler h)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    PortFisheye& fe = rec->fisheye;
     std::lock_guard<std::mutex> lock(fe.lock);
     if (fe.params.view == FE_VIEW_OFF || fe.srcW == 0) {
         return KORVALEN_ERR_PTZ;
@@ -244,22 +237,8 @@ uint32_t Wheel(PortFisheye& fe, double ox, double oy, int32_t delta)
 
 } // namespace
 
-uint32_t Player_OnMouseMove(uint32_t port, uint32_t x, uint32_t y)
+uint32_t FE_OnMouse(PortFisheye& fe, uint32_t event, uint32_t x, uint32_t y, int32_t wheel)
 {
-    return WithState(port, x, y, 0, &Move);
-}
-
-uint32_t Player_OnLButtonDown(uint32_t port, uint32_t x, uint32_t y)
-{
-    return WithState(port, x, y, 0, &Down);
-}
-
-uint32_t Player_OnLButtonUp(uint32_t port, uint32_t x, uint32_t y)
-{
-    return WithState(port, x, y, 0, &Up);
-}
-
-uint32_t Player_OnMouseWheel(uint32_t port, uint32_t, int16_t delta, uint32_t point)
-{
-    return WithState(port, point & 0xFFFFu, point >> 16, delta, &Wheel);
+    static constexpr Handler kHandlers[] = {&Move, &Down, &Up, &Wheel};
+    return event < 4 ? WithState(fe, x, y, wheel, kHandlers[event]) : KORVALEN_ERR_INVALID_PARAM;
 }

@@ -7,8 +7,6 @@
 
 #include "log/log.h"
 #include "platform/platform.h"
-#include "port/player_api.h"
-#include "port/port_table.h"
 
 namespace {
 
@@ -67,14 +65,13 @@ void Fisheye_SetStreamParams(PortFisheye* fe, uint16_t cx, uint16_t cy, uint16_t
     ++fe->generation;
 }
 
-bool FE_ViewActive(PortRecord* rec)
+bool FE_ViewActive(const PortFisheye& fe)
 {
-    return rec->fisheye.view.load() != FE_VIEW_OFF;
+    return fe.view.load() != FE_VIEW_OFF;
 }
 
-uint32_t FE_FishEyeWork(PortRecord* rec, const QUEUE_PICTURE_NODE* in, const QUEUE_PICTURE_NODE** out)
+uint32_t FE_FishEyeWork(PortFisheye& fe, const QUEUE_PICTURE_NODE* in, const QUEUE_PICTURE_NODE** out)
 {
-    PortFisheye& fe = rec->fisheye;
     const uint32_t w = in->width, h = in->height;
     if (w < 4 || h < 4) {
         return KORVALEN_ERR_FISHEYE_WORK;
@@ -155,10 +152,10 @@ uint32_t FE_FishEyeWork(PortRecord* rec, const QUEUE_PICTURE_NODE* in, const QUE
     return KORVALEN_OK;
 }
 
-void FE_NoteShown(PortRecord* rec, const DISP_RECT& dest)
+void FE_NoteShown(PortFisheye& fe, const DISP_RECT& dest)
 {
-    std::lock_guard<std::mutex> lock(rec->fisheye.lock);
-    rec->fisheye.shown = dest;
+    std::lock_guard<std::mutex> lock(fe.lock);
+    fe.shown = dest;
 }
 
 void FE_WindowToOutput(const PortFisheye& fe, uint32_t x, uint32_t y, double* ox, double* oy)
@@ -172,29 +169,20 @@ void FE_WindowToOutput(const PortFisheye& fe, uint32_t x, uint32_t y, double* ox
     *oy = (static_cast<double>(y) - fe.shown.top) * fe.outH / fe.shown.Height();
 }
 
-uint32_t Player_IsFishEyeStream(uint32_t port, uint32_t* answer)
+uint32_t FE_IsFishEyeStream(PortFisheye& fe, uint32_t* answer)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    std::lock_guard<std::mutex> lock(rec->fisheye.lock);
-    *answer = IsFisheye(rec->fisheye) ? 1 : 0;
+    std::lock_guard<std::mutex> lock(fe.lock);
+    *answer = IsFisheye(fe) ? 1 : 0;
     return KORVALEN_OK;
 }
 
-uint32_t Player_GetFishEyeParam(uint32_t port, KORVALEN_FISHEYE_STATE* state, KORVALEN_POINT* center, uint32_t* radius)
+uint32_t FE_GetFishEyeParam(PortFisheye& fe, uint32_t w, uint32_t h, KORVALEN_FISHEYE_STATE* state,
+                            KORVALEN_POINT* center, uint32_t* radius)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    PortFisheye& fe = rec->fisheye;
     std::lock_guard<std::mutex> lock(fe.lock);
     if (!IsFisheye(fe)) {
         return KORVALEN_ERR_FISHEYE_STATE;
     }
-    const uint32_t w = rec->playback.pictureWidth, h = rec->playback.pictureHeight;
     if (!fe.streamLensSet && (w == 0 || h == 0)) {
         return KORVALEN_ERR_FISHEYE_STATE; // no picture yet to take the circle from
     }
@@ -211,19 +199,14 @@ uint32_t Player_GetFishEyeParam(uint32_t port, KORVALEN_FISHEYE_STATE* state, KO
     return KORVALEN_OK;
 }
 
-uint32_t Player_SetPtzAndFixMode(uint32_t port, uint32_t ptzMode, uint32_t fixMode)
+uint32_t FE_SetPtzAndFixMode(PortFisheye& fe, uint32_t ptzMode, uint32_t fixMode)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
     if (ptzMode >= FE_VIEW_COUNT || fixMode >= FE_MOUNT_COUNT) {
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (!FE_ViewFitsMount(ptzMode, fixMode)) {
         return KORVALEN_ERR_FISHEYE_PARAM;
     }
-    PortFisheye& fe = rec->fisheye;
     std::lock_guard<std::mutex> lock(fe.lock);
     if (FE_IsFisheyeView(ptzMode)) {
         fe.callerMarked = 1;
@@ -232,28 +215,19 @@ uint32_t Player_SetPtzAndFixMode(uint32_t port, uint32_t ptzMode, uint32_t fixMo
     return KORVALEN_OK;
 }
 
-uint32_t Player_GetPtzAndFixMode(uint32_t port, uint32_t* ptzMode, uint32_t* fixMode)
+uint32_t FE_GetPtzAndFixMode(PortFisheye& fe, uint32_t* ptzMode, uint32_t* fixMode)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    std::lock_guard<std::mutex> lock(rec->fisheye.lock);
-    *ptzMode = rec->fisheye.params.view;
-    *fixMode = rec->fisheye.params.mount;
+    std::lock_guard<std::mutex> lock(fe.lock);
+    *ptzMode = fe.params.view;
+    *fixMode = fe.params.mount;
     return KORVALEN_OK;
 }
 
-uint32_t Player_SetPtzDisplayMode(uint32_t port, uint32_t ptzMode)
+uint32_t FE_SetPtzDisplayMode(PortFisheye& fe, uint32_t ptzMode)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
     if (ptzMode >= FE_VIEW_COUNT) {
         return KORVALEN_ERR_INVALID_PARAM;
     }
-    PortFisheye& fe = rec->fisheye;
     std::lock_guard<std::mutex> lock(fe.lock);
     if (FE_IsFisheyeView(ptzMode) && !IsFisheye(fe)) {
         return KORVALEN_ERR_FISHEYE_STATE;
@@ -265,14 +239,10 @@ uint32_t Player_SetPtzDisplayMode(uint32_t port, uint32_t ptzMode)
     return KORVALEN_OK;
 }
 
-uint32_t Player_SetPtzKeepAliveTime(uint32_t port, uint32_t seconds)
+uint32_t FE_SetPtzKeepAliveTime(PortFisheye& fe, uint32_t seconds)
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    std::lock_guard<std::mutex> lock(rec->fisheye.lock);
-    rec->fisheye.keepAliveSec = seconds;
-    rec->fisheye.lastMouseMs = PLAT_TickMs();
+    std::lock_guard<std::mutex> lock(fe.lock);
+    fe.keepAliveSec = seconds;
+    fe.lastMouseMs = PLAT_TickMs();
     return KORVALEN_OK;
 }

@@ -10,9 +10,8 @@
 #include "display/display_geometry.h"
 #include "fisheye/fisheye_remap.h"
 #include "fisheye/fisheye_view.h"
+#include "korvalen_types.h"
 #include "queue/queue_picture.h"
-
-struct PortRecord;
 
 struct PortFisheye {
     ~PortFisheye() { FE_ReleaseRemap(&remap); }
@@ -52,13 +51,27 @@ struct PortFisheye {
 void Fisheye_SetStreamParams(PortFisheye* fe, uint16_t cx, uint16_t cy, uint16_t radius);
 
 // Render thread: true when a view other than the plain picture is chosen.
-bool FE_ViewActive(PortRecord* rec);
+bool FE_ViewActive(const PortFisheye& fe);
 // Render thread: the picture to show for in (*out points into the port's
 // own output). 0, 1283 for a lens outside the picture, 1281 when the table
 // cannot be made, 1284 for a picture too small to work on.
-uint32_t FE_FishEyeWork(PortRecord* rec, const QUEUE_PICTURE_NODE* in, const QUEUE_PICTURE_NODE** out);
+uint32_t FE_FishEyeWork(PortFisheye& fe, const QUEUE_PICTURE_NODE* in, const QUEUE_PICTURE_NODE** out);
 // Render thread: where the last picture went in the window.
-void FE_NoteShown(PortRecord* rec, const DISP_RECT& dest);
+void FE_NoteShown(PortFisheye& fe, const DISP_RECT& dest);
+
+// The caller's controls. w and h: the size of the last decoded picture.
+uint32_t FE_IsFishEyeStream(PortFisheye& fe, uint32_t* answer);
+uint32_t FE_GetFishEyeParam(PortFisheye& fe, uint32_t w, uint32_t h, KORVALEN_FISHEYE_STATE* state,
+                            KORVALEN_POINT* center, uint32_t* radius);
+uint32_t FE_SetPtzAndFixMode(PortFisheye& fe, uint32_t ptzMode, uint32_t fixMode);
+uint32_t FE_GetPtzAndFixMode(PortFisheye& fe, uint32_t* ptzMode, uint32_t* fixMode);
+uint32_t FE_SetPtzDisplayMode(PortFisheye& fe, uint32_t ptzMode);
+uint32_t FE_SetPtzKeepAliveTime(PortFisheye& fe, uint32_t seconds);
+
+// Mouse events in window pixels: 0 move, 1 left button down, 2 up, 3 wheel
+// (delta in wheel). 1540 when no view takes the mouse.
+enum FeMouseEvent : uint32_t { FE_MOUSE_MOVE = 0, FE_MOUSE_DOWN = 1, FE_MOUSE_UP = 2, FE_MOUSE_WHEEL = 3 };
+uint32_t FE_OnMouse(PortFisheye& fe, uint32_t event, uint32_t x, uint32_t y, int32_t wheel);
 
 // Mouse helpers shared with the view code (lock held by the caller).
 void FE_WindowToOutput(const PortFisheye& fe, uint32_t x, uint32_t y, double* ox, double* oy);

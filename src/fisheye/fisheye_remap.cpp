@@ -8,8 +8,8 @@
 #include <emmintrin.h>
 #endif
 
-#include "korvalen_types.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 
 #include "display/video_display.h"
 #include "log/log.h"
-#include "platform/platform.h"
 #include "pipeline/player_pacing.h"
 #include "pipeline/player_render.h"
+#include "platform/platform.h"
 #include "port/port_table.h"
 
 namespace {
@@ -73,8 +73,8 @@ bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
     s.draw = rec->callbacks.draw.fn;
     s.drawUser = rec->callbacks.draw.user;
     const QUEUE_PICTURE_NODE* shown = *held;
-    if (FE_ViewActive(rec)) {
-        uint32_t fe = FE_FishEyeWork(rec, *held, &shown);
+    if (FE_ViewActive(rec->fisheye)) {
+        uint32_t fe = FE_FishEyeWork(rec->fisheye, *held, &shown);
         if (fe != KORVALEN_OK && rec->fisheye.failures++ % kDisplayFailLogEvery == 0) {
             KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] __RenderThreadEntry Warm, FE_FishEyeWork fail, error(0x%x)",
                          rec->port, fe);
@@ -82,7 +82,7 @@ bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
     }
     IVA_PrepareOverlay(rec, *held, &s);
     uint32_t err = Video_DisPlayPicEx(rec->port, display, shown, s);
-    FE_NoteShown(rec, display->ShownRect());
+    FE_NoteShown(rec->fisheye, display->ShownRect());
     if (err != KORVALEN_OK) {
         if ((*failures)++ % kDisplayFailLogEvery == 0) {
             KORVALEN_LOG(KORVALEN_LOG_WARN, "Port %03d __RenderThreadEntry Warm, Video_DisPlayPic fail", rec->port);

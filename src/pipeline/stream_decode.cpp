@@ -11,9 +11,9 @@
 #include "display/video_display.h"
 #include "heap/qmx_heap.h"
 #include "log/log.h"
-#include "platform/platform.h"
 #include "pipeline/player_gpu.h"
 #include "pipeline/player_pacing.h"
+#include "platform/platform.h"
 #include "port/port.h"
 #include "record/record.h"
 

@@ -16,8 +16,8 @@
 #include "fisheye/fisheye_port.h"
 #include "fisheye/fisheye_remap.h"
 #include "fisheye/fisheye_view.h"
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "port/port_table.h"
 
 namespace {
@@ -413,7 +413,7 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
     EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_PTZ) << "no view takes the mouse";
     ASSERT_EQ(Korvalen_SetPtzAndFixMode(port, KORVALEN_PTZ_ONE, KORVALEN_FIX_CEILING), 1);
     EXPECT_EQ(Korvalen_IsFishEyeStream(port), 1);
-    ASSERT_TRUE(FE_ViewActive(rec));
+    ASSERT_TRUE(FE_ViewActive(rec->fisheye));
     {
         // Look 20 degrees off the axis, where the red mark is.
         std::lock_guard<std::mutex> lock(rec->fisheye.lock);
@@ -421,12 +421,12 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
         ++rec->fisheye.generation;
     }
 
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_EQ(std::make_pair(out->width, out->height), std::make_pair(960u, 540u));
     const uint32_t allocations = rec->fisheye.remap.allocations;
     const uint64_t heapBefore = QMX_HeapAllocCount();
     for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+        ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     }
     EXPECT_EQ(rec->fisheye.remap.builds, 1u) << "same view, same table";
     EXPECT_EQ(QMX_HeapAllocCount(), heapBefore) << "no allocation per picture";
@@ -442,7 +442,7 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
             1);
     }
     ASSERT_EQ(Korvalen_OnLButtonUp(port, static_cast<uint32_t>(x0 + 60), static_cast<uint32_t>(y0 + 40)), 1);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     const Mark b = RedMark(out);
     EXPECT_NEAR(b.x, x0 + 60, 6);
     EXPECT_NEAR(b.y, y0 + 40, 6);
@@ -453,7 +453,7 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
     // from the centre.
     const double cx = out->width / 2.0, cy = out->height / 2.0;
     ASSERT_EQ(Korvalen_OnMouseWheel(port, 0, 240, static_cast<uint32_t>(cx) | static_cast<uint32_t>(cy) << 16), 1);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     const Mark z = RedMark(out);
     ASSERT_GE(z.x, 0);
     EXPECT_GT(std::hypot(z.x - cx, z.y - cy), std::hypot(b.x - cx, b.y - cy) * 1.3);
@@ -469,10 +469,10 @@ TEST_F(FisheyePort, DragMovesThePictureWithThePointerAndTheTableIsBuiltOncePerVi
     Fisheye_SetStreamParams(&rec->fisheye, 470, 490, 400);
     ASSERT_EQ(Korvalen_GetFishEyeParam(port, &st, &c, &radius), 1);
     EXPECT_EQ((std::vector<int64_t>{c.x, c.y, radius}), (std::vector<int64_t>{470, 490, 400}));
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_EQ(rec->fisheye.remap.builds, 4u) << "new lens, new table";
     Fisheye_SetStreamParams(&rec->fisheye, 2000, 490, 400);
-    EXPECT_EQ(FE_FishEyeWork(rec, &in, &out), KORVALEN_ERR_FISHEYE_PARAM) << "centre outside the picture";
+    EXPECT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), KORVALEN_ERR_FISHEYE_PARAM) << "centre outside the picture";
 }
 
 TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverview)
@@ -491,16 +491,16 @@ TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverv
     EXPECT_EQ(Korvalen_GetLastError(), KORVALEN_ERR_FISHEYE_STATE) << "not a fisheye port";
     ASSERT_EQ(Korvalen_SetPtzAndFixMode(port, KORVALEN_PTZ_EPTZ, 0), 1);
     EXPECT_EQ(Korvalen_IsFishEyeStream(port), 0);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_NEAR(RedMark(out).x, 420, 2) << "the whole picture before a region is chosen";
 
     // Draw 380,80 -> 460,125: widened to 16:9 about its centre (420, 102.5).
     ASSERT_EQ(Korvalen_OnLButtonDown(port, 380, 80), 1);
     ASSERT_EQ(Korvalen_OnMouseMove(port, 420, 100), 1);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_GT(out->planes[0][80 * out->lineSizes[0] + 400], 200) << "the rectangle being drawn shows";
     ASSERT_EQ(Korvalen_OnLButtonUp(port, 460, 125), 1);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     // 80 x 45 pixels from (380, 80), already 16:9, shown eight times larger:
     // the square's corner (400, 100) lands at (160, 160).
     const Mark zoomed = RedMark(out);
@@ -519,7 +519,7 @@ TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverv
     // out gives the whole picture back.
     ASSERT_EQ(Korvalen_OnLButtonDown(port, 300, 100), 1);
     ASSERT_EQ(Korvalen_OnLButtonUp(port, 200, 100), 1);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     const Mark panned = RedMark(out);
     EXPECT_NEAR(panned.left, zoomed.left - 100, 4);
     EXPECT_NEAR(panned.top, zoomed.top, 2);
@@ -529,16 +529,16 @@ TEST_F(FisheyePort, ElectronicPtzZoomsIntoTheDrawnRectangleAndFramesItInTheOverv
     EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200);
     ASSERT_EQ(Korvalen_SetPtzKeepAliveTime(port, 1), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_LT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200) << "no overview, no frame";
     ASSERT_EQ(Korvalen_OnMouseMove(port, 10, 10), 1);
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_GT(out->planes[0][frameY * out->lineSizes[0] + movedX], 200) << "the mouse brings it back";
     ASSERT_EQ(Korvalen_SetPtzKeepAliveTime(port, 0), 1);
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(Korvalen_OnMouseWheel(port, 0, -120, 320 | 180 << 16), 1);
     }
-    ASSERT_EQ(FE_FishEyeWork(rec, &in, &out), 0u);
+    ASSERT_EQ(FE_FishEyeWork(rec->fisheye, &in, &out), 0u);
     EXPECT_NEAR(RedMark(out).x, 420, 2);
 
     EXPECT_EQ(Korvalen_SetPtzAndFixMode(port, KORVALEN_PTZ_PANORAMA_360, KORVALEN_FIX_WALL), 0);
