@@ -114,13 +114,13 @@ double ShowOne(Case& c, CBaseDisplay* d, QUEUE_PICTURE_NODE* node)
         h.inIndex = h.outIndex = c.frame % CODE_MARK_RING;
         ++c.frame;
         const double cpu0 = bench::ThreadCpuSeconds();
-        IVA_ParseFrame(c.rec, u.data(), static_cast<uint32_t>(u.size()), KORVALEN_CODEC_H264);
-        IVA_FrameDecoded(c.rec, h);
-        IVA_AttachOverlay(c.rec, h, node->attached);
+        IVA_ParseFrame(c.rec->iva, u.data(), static_cast<uint32_t>(u.size()), KORVALEN_CODEC_H264);
+        IVA_FrameDecoded(c.rec->iva, h);
+        IVA_AttachOverlay(c.rec->iva, h, node->attached);
         c.decodeMs += (bench::ThreadCpuSeconds() - cpu0) * 1000;
     }
     const auto t0 = Clock::now();
-    IVA_PrepareOverlay(c.rec, node, &s);
+    IVA_PrepareOverlay(c.rec->iva, c.rec->video.osdStyle, node, &s);
     Video_DisPlayPicEx(c.port, d, node, s);
     const double ms = bench::MsSince(t0);
     QUEUE_ATTACHED& a = node->attached[0];

@@ -4,9 +4,6 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "port/player_api.h"
-#include "port/port.h"
-#include "port/port_table.h"
 #include "queue/queue_picture.h"
 
 namespace {
@@ -149,9 +146,8 @@ PortIva::~PortIva()
     }
 }
 
-void IVA_ParseFrame(PortRecord* rec, const uint8_t* data, uint32_t length, uint32_t codec)
+bool IVA_ParseFrame(PortIva& iva, const uint8_t* data, uint32_t length, uint32_t codec)
 {
-    PortIva& iva = rec->iva;
     IVA_AttachStore(&iva.sei, &iva.latest);
     Sei_Parse(codec, data, length, &iva.sei);
     if (iva.sei.flags & SEI_FLAG_FISHEYE) {
@@ -162,15 +158,13 @@ void IVA_ParseFrame(PortRecord* rec, const uint8_t* data, uint32_t length, uint3
                 iva.fisheye[i] = iva.sei.fisheyeParams[i];
             }
         }
-        // The lens the camera reports makes the stream a fisheye one.
-        const uint16_t* p = iva.sei.fisheyeParams;
-        Fisheye_SetStreamParams(&rec->fisheye, p[0], p[1], p[2]);
+        return true;
     }
+    return false;
 }
 
-void IVA_FrameDecoded(PortRecord* rec, const CODE_HANDLE& h)
+void IVA_FrameDecoded(PortIva& iva, const CODE_HANDLE& h)
 {
-    PortIva& iva = rec->iva;
     if (iva.enable.load()) {
         // Decoders hold pictures back (reordering, frame threads): the store
         // is kept per input so that each picture gets its own frame's records.
@@ -178,9 +172,8 @@ void IVA_FrameDecoded(PortRecord* rec, const CODE_HANDLE& h)
     }
 }
 
-void IVA_AttachOverlay(PortRecord* rec, const CODE_HANDLE& h, QUEUE_ATTACHED* attach)
+void IVA_AttachOverlay(PortIva& iva, const CODE_HANDLE& h, QUEUE_ATTACHED* attach)
 {
-    PortIva& iva = rec->iva;
     if (!iva.enable.load()) {
         return;
     }
@@ -196,9 +189,8 @@ void IVA_AttachOverlay(PortRecord* rec, const CODE_HANDLE& h, QUEUE_ATTACHED* at
     attach[kAttachSlot].release = &ReleaseSnapshot;
 }
 
-void IVA_PrepareOverlay(PortRecord* rec, const QUEUE_PICTURE_NODE* node, DISP_SETTINGS* settings)
+void IVA_PrepareOverlay(PortIva& iva, uint32_t osdStyle, const QUEUE_PICTURE_NODE* node, DISP_SETTINGS* settings)
 {
-    PortIva& iva = rec->iva;
     const QUEUE_ATTACHED& a = node->attached[kAttachSlot];
     if (!iva.enable.load() || a.release != &ReleaseSnapshot || !a.data) {
         return;
@@ -206,7 +198,7 @@ void IVA_PrepareOverlay(PortRecord* rec, const QUEUE_PICTURE_NODE* node, DISP_SE
     IVA_PAINT_JOB& job = iva.job;
     job.store = &static_cast<const IVA_SNAPSHOT*>(a.data)->store;
     job.scaleMode = settings->scaleMode;
-    job.osdStyle = rec->video.osdStyle;
+    job.osdStyle = osdStyle;
     const uint32_t global = g_show.load();
     job.show = g_mode.load() == 1 ? iva.show.load() : global;
     job.tracking = (global & IVA_SHOW_UNTRACKED) != 0;
@@ -216,45 +208,27 @@ void IVA_PrepareOverlay(PortRecord* rec, const QUEUE_PICTURE_NODE* node, DISP_SE
     settings->overlayUser = &job;
 }
 
-uint32_t Sei_GetFisheyeParam(uint32_t port, uint16_t params[3])
+uint32_t IVA_GetFisheyeParam(PortIva& iva, uint16_t params[3])
 {
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
-    std::lock_guard<std::mutex> lock(rec->iva.fisheyeLock);
-    if (!rec->iva.fisheyeSeen) {
+    std::lock_guard<std::mutex> lock(iva.fisheyeLock);
+    if (!iva.fisheyeSeen) {
         return KORVALEN_ERR_NOT_SUPPORTED;
     }
     for (int i = 0; i < 3; ++i) {
-        params[i] = rec->iva.fisheye[i];
+        params[i] = iva.fisheye[i];
     }
     return KORVALEN_OK;
 }
 
-uint32_t Player_SetIVAEnable(uint32_t port, uint32_t enable)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
-    rec->iva.enable.store(enable ? 1 : 0);
-    return KORVALEN_OK;
-}
-
-uint32_t Player_SetIVAShowParam(uint32_t showParam)
+void IVA_SetShow(uint32_t showParam)
 {
     g_show.store(showParam & IVA_SHOW_MASK);
-    return KORVALEN_OK;
 }
 
-uint32_t Player_SetIVAShowParamEx(uint32_t port, uint32_t showParam, uint32_t mode)
+void IVA_SetPortShow(PortIva* iva, uint32_t showParam, uint32_t mode)
 {
-    if (PortRecord* rec = Player_GetPort(port)) {
-        rec->iva.show.store(showParam & IVA_SHOW_MASK);
+    if (iva) {
+        iva->show.store(showParam & IVA_SHOW_MASK);
     }
     g_mode.store(mode);
-    return KORVALEN_OK;
 }

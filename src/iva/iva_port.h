@@ -12,7 +12,6 @@
 #include "iva/iva_store.h"
 #include "sei/sei_parse.h"
 
-struct PortRecord;
 struct QUEUE_ATTACHED;
 struct QUEUE_PICTURE_NODE;
 typedef struct _cairo cairo_t;
@@ -69,16 +68,20 @@ struct PortIva {
 };
 
 // Decode thread, for every H.264 / H.265 frame before it is decoded.
-void IVA_ParseFrame(PortRecord* rec, const uint8_t* data, uint32_t length, uint32_t codec);
+bool IVA_ParseFrame(PortIva& iva, const uint8_t* data, uint32_t length, uint32_t codec);
 // Decode thread, after the decoder took the frame (h's mark indices tell
 // which input it was and which input a picture came from).
-void IVA_FrameDecoded(PortRecord* rec, const CODE_HANDLE& h);
+void IVA_FrameDecoded(PortIva& iva, const CODE_HANDLE& h);
 // Decode thread, for a picture going to the render side: attach receives the
 // overlay that belongs to it (nothing while IVA is off).
-void IVA_AttachOverlay(PortRecord* rec, const CODE_HANDLE& h, QUEUE_ATTACHED* attach);
+void IVA_AttachOverlay(PortIva& iva, const CODE_HANDLE& h, QUEUE_ATTACHED* attach);
 // Render thread: sets the overlay painters for the picture about to be shown.
-void IVA_PrepareOverlay(PortRecord* rec, const QUEUE_PICTURE_NODE* node, DISP_SETTINGS* settings);
+void IVA_PrepareOverlay(PortIva& iva, uint32_t osdStyle, const QUEUE_PICTURE_NODE* node, DISP_SETTINGS* settings);
 
 // Fisheye lens parameters last carried by the port's stream. 0, 7 when the
 // stream has carried none, 259 for a port not allocated.
-uint32_t Sei_GetFisheyeParam(uint32_t port, uint16_t params[3]);
+uint32_t IVA_GetFisheyeParam(PortIva& iva, uint16_t params[3]);
+
+// What the overlay shows: process-wide, and per port when mode is 1.
+void IVA_SetShow(uint32_t showParam);
+void IVA_SetPortShow(PortIva* iva, uint32_t showParam, uint32_t mode);

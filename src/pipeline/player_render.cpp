@@ -80,7 +80,7 @@ bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
                          rec->port, fe);
         }
     }
-    IVA_PrepareOverlay(rec, *held, &s);
+    IVA_PrepareOverlay(rec->iva, rec->video.osdStyle, *held, &s);
     uint32_t err = Video_DisPlayPicEx(rec->port, display, shown, s);
     FE_NoteShown(rec->fisheye, display->ShownRect());
     if (err != KORVALEN_OK) {

@@ -175,7 +175,7 @@ void DecodeVideo(PortRecord* rec)
         st.frame.codecType == KORVALEN_CODEC_H265 && st.frame.frameType == 0) {
         err = RetryOnSoftware(rec, &in);
     }
-    IVA_FrameDecoded(rec, st.video);
+    IVA_FrameDecoded(rec->iva, st.video);
     if (err == KORVALEN_ERR_DECODE_NO_OUTPUT) {
         return;
     }
@@ -209,7 +209,7 @@ void TakeVideoPicture(PortRecord* rec)
         std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
         if (rec->playback.rendering && rec->playback.offscreen.nodes) {
             QUEUE_PICTURE pic;
-            IVA_AttachOverlay(rec, st.video, pic.attached);
+            IVA_AttachOverlay(rec->iva, st.video, pic.attached);
             for (int i = 0; i < 3; ++i) {
                 pic.planes[i] = out.planes[i];
                 pic.lineSizes[i] = out.pitches[i];
@@ -288,7 +288,11 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
         }
         *producedVideo = true;
         if (f.codecType != KORVALEN_CODEC_MJPEG) {
-            IVA_ParseFrame(rec, f.data, f.length, f.codecType);
+            if (IVA_ParseFrame(rec->iva, f.data, f.length, f.codecType)) {
+                // The lens the camera reports makes the stream a fisheye one.
+                const uint16_t* p = rec->iva.sei.fisheyeParams;
+                Fisheye_SetStreamParams(&rec->fisheye, p[0], p[1], p[2]);
+            }
         }
         auto& cb = rec->callbacks.parseVideo;
         if (cb.fn) {

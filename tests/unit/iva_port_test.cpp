@@ -8,9 +8,9 @@
 
 #include "codec/code_types.h"
 #include "display/display_base.h"
+#include "heap/qmx_heap.h"
 #include "iva/iva_port.h"
 #include "korvalen.h"
-#include "heap/qmx_heap.h"
 #include "port/port.h"
 #include "port/port_table.h"
 #include "queue/queue_picture.h"
@@ -32,15 +32,15 @@ TEST(IvaPortPaint, BothOfTheDisplaysImagesWithKeptSurfaces)
     box.box[0] = box.box[1] = 2500;
     box.box[2] = box.box[3] = 5000;
     const SeiBytes au = SeiWriter_Nal(SEIW_H264, 5, SeiWriter_UserData(32, SeiWriter_IvaResults({box})));
-    IVA_ParseFrame(rec, au.data(), static_cast<uint32_t>(au.size()), KORVALEN_CODEC_H264);
+    IVA_ParseFrame(rec->iva, au.data(), static_cast<uint32_t>(au.size()), KORVALEN_CODEC_H264);
     CODE_HANDLE h{};
-    IVA_FrameDecoded(rec, h);
+    IVA_FrameDecoded(rec->iva, h);
     QUEUE_PICTURE_NODE node;
     node.width = 320;
     node.height = 240;
-    IVA_AttachOverlay(rec, h, node.attached);
+    IVA_AttachOverlay(rec->iva, h, node.attached);
     DISP_SETTINGS s;
-    IVA_PrepareOverlay(rec, &node, &s);
+    IVA_PrepareOverlay(rec->iva, rec->video.osdStyle, &node, &s);
     ASSERT_NE(s.drawTargets, nullptr);
 
     std::vector<uint8_t> images[3] = {std::vector<uint8_t>(320 * 240 * 4), std::vector<uint8_t>(320 * 240 * 4),

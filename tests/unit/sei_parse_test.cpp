@@ -6,12 +6,13 @@
 #include <cstring>
 
 #include "codec_media.h"
+#include "heap/qmx_heap.h"
 #include "iva/iva_port.h"
 #include "iva/iva_store.h"
 #include "korvalen.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
+#include "pipeline/stream_decode.h"
 #include "port/port_table.h"
 #include "sei/sei_parse.h"
 #include "sei_writer.h"
@@ -385,16 +386,19 @@ TEST(SeiPort, FisheyeParametersPerPort)
     uint32_t port = 0;
     ASSERT_EQ(Korvalen_AllocPort(&port), 1);
     uint16_t p[3] = {};
-    EXPECT_EQ(Sei_GetFisheyeParam(port, p), KORVALEN_ERR_NOT_SUPPORTED);
-    EXPECT_EQ(Sei_GetFisheyeParam(255, p), KORVALEN_ERR_PORT);
+    EXPECT_EQ(IVA_GetFisheyeParam(Player_GetPort(port)->iva, p), KORVALEN_ERR_NOT_SUPPORTED);
     const Bytes au =
         Cat({SeiWriter_Nal(SEIW_H265, 231, Cat({SeiWriter_Be16(960), SeiWriter_Be16(540), SeiWriter_Be16(500)})),
              Slice(KORVALEN_CODEC_H265)});
-    IVA_ParseFrame(Player_GetPort(port), au.data(), static_cast<uint32_t>(au.size()), KORVALEN_CODEC_H265);
-    // A later unit without them keeps the last ones.
+    // Through the pipeline's frame hand-over, which also gives the fisheye view
+    // the lens; a later unit without them keeps the last ones.
     const Bytes plain = Slice(KORVALEN_CODEC_H265);
-    IVA_ParseFrame(Player_GetPort(port), plain.data(), static_cast<uint32_t>(plain.size()), KORVALEN_CODEC_H265);
-    ASSERT_EQ(Sei_GetFisheyeParam(port, p), 0u);
+    for (const Bytes* unit : {&au, &plain}) {
+        Player_GetPort(port)->stream.frame =
+            StreamFrame{unit->data(), static_cast<uint32_t>(unit->size()), 0, KORVALEN_CODEC_H265, 0};
+        Stream_HandleFrame(Player_GetPort(port));
+    }
+    ASSERT_EQ(IVA_GetFisheyeParam(Player_GetPort(port)->iva, p), 0u);
     EXPECT_EQ((std::vector<uint16_t>(p, p + 3)), (std::vector<uint16_t>{960, 540, 500}));
     // And the port now plays a fisheye stream with that lens.
     EXPECT_EQ(Korvalen_IsFishEyeStream(port), 1);
