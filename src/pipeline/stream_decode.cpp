@@ -202,7 +202,7 @@ void TakeVideoPicture(PortRecord* rec)
         ~GpuCopy() { QMX_HeapFree(o.planes[0]); }
     } freeCopy{gpuOut};
     CODE_OUTPUT& out = OnGpu(st.video) ? gpuOut : st.videoOut;
-    Snap_OnPicture(rec, &out);
+    Snap_OnPicture(&rec->recorder, &out);
     rec->playback.pictureWidth = out.width;
     rec->playback.pictureHeight = out.height;
     {

@@ -110,7 +110,7 @@ uint32_t SinkPacket(void* ctx, const uint8_t* data, uint32_t length, const std::
                     uint32_t logEvery, uint32_t maxRetries)
 {
     auto* rec = static_cast<PortRecord*>(ctx);
-    REC_QueuePacket(rec, data, length, maxRetries);
+    REC_QueuePacket(&rec->recorder, data, length, rec->bufferCtrl, maxRetries);
     return Stream_QueuePacket(rec, data, length, keepTrying, logEvery, maxRetries);
 }
 

@@ -102,6 +102,9 @@ uint32_t Player_AllocPort(uint32_t* port)
             return KORVALEN_ERR_NO_MEMORY;
         }
         rec->port = slot;
+        rec->recorder.port = slot;
+        rec->recorder.payloads = &rec->stream.payloads;
+        rec->recorder.aacConfig = rec->stream.aacConfig;
         rec->video.settings.port = slot;
         rec->gpuDecode = Player_GpuDecodeSwitch();
         g_cursor = (slot + 1) % kPortCount;

@@ -3,13 +3,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "codec/code_manager.h"
+#include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "platform/platform.h"
-#include "heap/qmx_heap.h"
-#include "port/port.h"
-#include "report/report.h"
 #include "record/record.h"
 #include "record/record_mux.h"
+#include "report/report.h"
 
 namespace {
 
@@ -109,9 +109,9 @@ uint32_t REC_DivisionCheck(PortRecorder* r)
     return REC_NeedDivide(r->recordType, sizeLimit, timeLimit, size, time(nullptr), r->fileStartTime);
 }
 
-uint32_t Player_CreateNewFile(PortRecord* rec)
+uint32_t Player_CreateNewFile(PortRecorder* rec)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     const uint32_t port = rec->port;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] __RecordThreadEntry Info, File size of out max", port);
     char finalName[kRecordNameMax];
@@ -145,16 +145,16 @@ uint32_t Player_CreateNewFile(PortRecord* rec)
     return KORVALEN_OK;
 }
 
-uint32_t REC_OpenFirstFile(PortRecord* rec)
+uint32_t REC_OpenFirstFile(PortRecorder* rec)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     const REC_MUX_NAMING naming = NamingOf(r);
     return MUX_Open(REC_Container(r.recordType), r.tempName, &naming, &r.mux);
 }
 
-void REC_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length, uint32_t maxRetries)
+void REC_QueuePacket(PortRecorder* rec, const uint8_t* data, uint32_t length, uint32_t bufferCtrl, uint32_t maxRetries)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     if (!r.recording.load(std::memory_order_acquire)) {
         return;
     }
@@ -163,8 +163,8 @@ void REC_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length, uint
         return;
     }
     uint32_t err = QUEUE_AddPacket(data, length, &r.queue);
-    for (uint32_t i = 0; err == KORVALEN_ERR_BUFFER_FULL && rec->bufferCtrl == 1 && (!maxRetries || i < maxRetries) &&
-                         r.recording.load();
+    for (uint32_t i = 0;
+         err == KORVALEN_ERR_BUFFER_FULL && bufferCtrl == 1 && (!maxRetries || i < maxRetries) && r.recording.load();
          ++i) {
         PLAT_SleepMs(kFullRetrySleepMs);
         err = QUEUE_AddPacket(data, length, &r.queue);
@@ -172,4 +172,34 @@ void REC_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length, uint
     if (err != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_WARN, "Port[%03d] QUEUE_AddPacket record failed, error(0x%x)", rec->port, err);
     }
+}
+
+void REC_ReleaseQueue(PortRecorder& r)
+{
+    std::lock_guard<std::mutex> lock(r.feedLock);
+    QUEUE_ReleasePacketBuffer(&r.queue);
+    REC_FreeAssembly(&r.assembly);
+}
+
+PortRecorder::~PortRecorder()
+{
+    // A port freed while recording with no source open: the file is
+    // finished as a stop would.
+    recording = 0;
+    if (thread.joinable()) {
+        thread.join();
+    }
+    if (audioDecCodec != KORVALEN_CODEC_NONE) {
+        CODE_FreeCode(&audioDec);
+    }
+    if (mp2Open) {
+        CODE_FreeCode(&mp2Enc);
+    }
+    if (mux) {
+        char finalName[kRecordNameMax];
+        REC_FinishFile(0, this, finalName);
+    }
+    QUEUE_ReleasePacketBuffer(&queue);
+    REC_FreeAssembly(&assembly);
+    REC_FreeFileList(this);
 }

@@ -3,8 +3,8 @@
 
 #include <cstring>
 
-#include "korvalen_types.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
 
 namespace {
 

@@ -16,9 +16,9 @@ extern "C" {
 #include "avi/avi.h"
 #include "avi/avi_file.h"
 #include "file/qmx_file.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 #include "record/record_journal.h"
 #include "record/record_mux_av.h"
 

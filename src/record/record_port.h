@@ -2,6 +2,8 @@
 // list, the record packet queue and thread, and the snapshot request.
 #pragma once
 
+#include "media/rtp_payload.h"
+
 #include <atomic>
 #include <cstdint>
 #include <ctime>
@@ -28,6 +30,11 @@ struct REC_SNAP_REQUEST {
 };
 
 struct PortRecorder {
+    // Wired by the port at allocation: its number for log lines, and the
+    // stream settings the assembly of received packets needs.
+    uint32_t port = 0;
+    const RTP_PAYLOAD_TABLE* payloads = nullptr;
+    const uint8_t* aacConfig = nullptr;
     uint32_t recordType = 0;
     REC_FILE_NODE* head = nullptr; // finished files, oldest first
     REC_FILE_NODE* tail = nullptr;

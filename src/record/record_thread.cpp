@@ -5,11 +5,10 @@
 
 #include "codec/code_manager.h"
 #include "codec/code_sps_probe.h"
+#include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "net/rtp.h"
 #include "platform/platform.h"
-#include "heap/qmx_heap.h"
-#include "port/port.h"
 #include "record/record.h"
 #include "record/record_mux.h"
 
@@ -32,9 +31,9 @@ bool IsAudio(uint32_t c)
            c == KORVALEN_CODEC_G711A || c == KORVALEN_CODEC_PCM;
 }
 
-void Failed(PortRecord* rec, uint32_t err)
+void Failed(PortRecorder* rec, uint32_t err)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     if (r.failed) {
         return;
     }
@@ -110,9 +109,9 @@ uint64_t NextPts(PortRecorder& r, uint64_t ts, bool rtp, bool firstOfFile)
     return r.lastPts;
 }
 
-uint32_t StartFile(PortRecord* rec, const REC_FRAME& f)
+uint32_t StartFile(PortRecorder* rec, const REC_FRAME& f)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     REC_MUX_SETUP s{};
     s.videoCodec = f.codecType;
     bool sized = false;
@@ -139,9 +138,9 @@ uint32_t StartFile(PortRecord* rec, const REC_FRAME& f)
     return MUX_Start(r.mux, &s);
 }
 
-void HandleVideo(PortRecord* rec, const REC_FRAME& f, bool rtp, uint8_t* scratch)
+void HandleVideo(PortRecorder* rec, const REC_FRAME& f, bool rtp, uint8_t* scratch)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     if (f.codecType != KORVALEN_CODEC_MJPEG) {
         NoteParamSets(r, f.data, f.length, f.codecType);
     }
@@ -202,8 +201,8 @@ void HandleVideo(PortRecord* rec, const REC_FRAME& f, bool rtp, uint8_t* scratch
 
 void OnMp2Frame(const uint8_t* data, uint32_t length, void* user)
 {
-    auto* rec = static_cast<PortRecord*>(user);
-    PortRecorder& r = rec->recorder;
+    auto* rec = static_cast<PortRecorder*>(user);
+    PortRecorder& r = *rec;
     if (r.failed || !MUX_Started(r.mux)) {
         return;
     }
@@ -213,9 +212,9 @@ void OnMp2Frame(const uint8_t* data, uint32_t length, void* user)
     }
 }
 
-void HandleAudio(PortRecord* rec, const REC_FRAME& f)
+void HandleAudio(PortRecorder* rec, const REC_FRAME& f)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     if (r.audioDecCodec != f.codecType) {
         if (r.audioDecCodec != KORVALEN_CODEC_NONE) {
             CODE_FreeCode(&r.audioDec);
@@ -274,14 +273,13 @@ void HandleAudio(PortRecord* rec, const REC_FRAME& f)
     }
 }
 
-void Consume(PortRecord* rec, const uint8_t* data, uint32_t len, uint8_t* scratch)
+void Consume(PortRecorder* rec, const uint8_t* data, uint32_t len, uint8_t* scratch)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     bool more = false;
     do {
         REC_FRAME f{};
-        uint32_t err =
-            REC_AssembleFrame(&r.assembly, data, len, &rec->stream.payloads, rec->stream.aacConfig, &f, &more);
+        uint32_t err = REC_AssembleFrame(&r.assembly, data, len, rec->payloads, rec->aacConfig, &f, &more);
         if (err != KORVALEN_OK || r.failed) {
             continue;
         }
@@ -293,10 +291,10 @@ void Consume(PortRecord* rec, const uint8_t* data, uint32_t len, uint8_t* scratc
     } while (more);
 }
 
-void RecordThread(PortRecord* rec, uint8_t* scratch)
+void RecordThread(PortRecorder* rec, uint8_t* scratch)
 {
     PLAT_SetThreadName("Record");
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __RecordThreadEntry thread succeed", rec->port);
     for (;;) {
         const bool running = r.recording.load();
@@ -316,14 +314,14 @@ void RecordThread(PortRecord* rec, uint8_t* scratch)
 
 } // namespace
 
-uint32_t REC_StartThread(PortRecord* rec)
+uint32_t REC_StartThread(PortRecorder* rec)
 {
     auto* scratch = static_cast<uint8_t*>(QMX_HeapMalloc(kScratchSize));
     if (!scratch) {
         return KORVALEN_ERR_NO_MEMORY;
     }
     try {
-        rec->recorder.thread = std::thread(RecordThread, rec, scratch);
+        rec->thread = std::thread(RecordThread, rec, scratch);
     } catch (...) {
         QMX_HeapFree(scratch);
         return KORVALEN_ERR_THREAD_CREATE;
@@ -331,9 +329,9 @@ uint32_t REC_StartThread(PortRecord* rec)
     return KORVALEN_OK;
 }
 
-void REC_StopThread(PortRecord* rec)
+void REC_StopThread(PortRecorder* rec)
 {
-    PortRecorder& r = rec->recorder;
+    PortRecorder& r = *rec;
     if (r.thread.joinable()) {
         r.thread.join();
     }

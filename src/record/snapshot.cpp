@@ -9,11 +9,8 @@
 
 #include "codec/code_manager.h"
 #include "file/qmx_file.h"
-#include "log/log.h"
 #include "heap/qmx_heap.h"
-#include "port/player_api.h"
-#include "port/port.h"
-#include "port/port_table.h"
+#include "log/log.h"
 #include "record/record.h"
 
 namespace {
@@ -121,9 +118,9 @@ uint32_t SaveBmp(const CODE_OUTPUT* pic, const char* name)
 
 } // namespace
 
-void Snap_OnPicture(PortRecord* rec, const CODE_OUTPUT* picture)
+void Snap_OnPicture(PortRecorder* rec, const CODE_OUTPUT* picture)
 {
-    REC_SNAP_REQUEST& s = rec->recorder.snap;
+    REC_SNAP_REQUEST& s = rec->snap;
     if (!s.pending.load(std::memory_order_acquire)) {
         return;
     }
@@ -136,23 +133,16 @@ void Snap_OnPicture(PortRecord* rec, const CODE_OUTPUT* picture)
     REC_SendReport(rec->port, kReportSnapshot, err, s.fileName);
 }
 
-uint32_t Player_SnatchOnce(uint32_t port, const char* fileName, uint32_t pictureFormat,
-                           const KORVALEN_SNAP_PARAM* param)
+uint32_t Snap_Request(PortRecorder* rec, const char* fileName, uint32_t pictureFormat)
 {
-    (void)param; // the JPEG encoder has one fixed quality
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%d] fail", static_cast<int>(port));
-        return KORVALEN_ERR_PORT;
-    }
     if (!fileName || !*fileName || pictureFormat > 1 || std::strlen(fileName) >= kRecordNameMax) {
         return KORVALEN_ERR_INVALID_PARAM;
     }
-    REC_SNAP_REQUEST& s = rec->recorder.snap;
+    REC_SNAP_REQUEST& s = rec->snap;
     std::lock_guard<std::mutex> lock(s.lock);
     if (s.pending) {
         // A request not served yet is replaced: the caller asked again.
-        REC_SendReport(port, kReportSnapshot, KORVALEN_ERR_DECODE_NO_OUTPUT, s.fileName);
+        REC_SendReport(rec->port, kReportSnapshot, KORVALEN_ERR_DECODE_NO_OUTPUT, s.fileName);
     }
     std::snprintf(s.fileName, sizeof s.fileName, "%s", fileName);
     s.format = pictureFormat;

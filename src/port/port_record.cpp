@@ -48,37 +48,7 @@ void RecoverBeside(const char* base)
     REC_RecoverFolder(dir.c_str());
 }
 
-void ReleaseRecording(PortRecorder& r)
-{
-    std::lock_guard<std::mutex> lock(r.feedLock);
-    QUEUE_ReleasePacketBuffer(&r.queue);
-    REC_FreeAssembly(&r.assembly);
-}
-
 } // namespace
-
-PortRecorder::~PortRecorder()
-{
-    // A port freed while recording with no source open: the file is
-    // finished as a stop would.
-    recording = 0;
-    if (thread.joinable()) {
-        thread.join();
-    }
-    if (audioDecCodec != KORVALEN_CODEC_NONE) {
-        CODE_FreeCode(&audioDec);
-    }
-    if (mp2Open) {
-        CODE_FreeCode(&mp2Enc);
-    }
-    if (mux) {
-        char finalName[kRecordNameMax];
-        REC_FinishFile(0, this, finalName);
-    }
-    QUEUE_ReleasePacketBuffer(&queue);
-    REC_FreeAssembly(&assembly);
-    REC_FreeFileList(this);
-}
 
 uint32_t Player_SetRecordSize(uint32_t port, uint32_t sizeMb)
 {
@@ -136,7 +106,7 @@ uint32_t Player_StartRecord(uint32_t port, const char* fileName, uint32_t record
         return KORVALEN_ERR_INVALID_PARAM;
     }
     if (r.thread.joinable()) {
-        REC_StopThread(rec); // a thread that ended on its own
+        REC_StopThread(&rec->recorder); // a thread that ended on its own
     }
     {
         std::lock_guard<std::mutex> lock(r.lock);
@@ -165,23 +135,23 @@ uint32_t Player_StartRecord(uint32_t port, const char* fileName, uint32_t record
         err = REC_InitAssembly(&r.assembly);
     }
     if (err != KORVALEN_OK) {
-        ReleaseRecording(r);
+        REC_ReleaseQueue(r);
         return err;
     }
-    if (REC_OpenFirstFile(rec) != KORVALEN_OK) {
+    if (REC_OpenFirstFile(&rec->recorder) != KORVALEN_OK) {
         KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_StartRecord fail, fopen fail", port);
-        ReleaseRecording(r);
+        REC_ReleaseQueue(r);
         return KORVALEN_ERR_FILE_OPEN;
     }
     r.fileStartTime = time(nullptr);
     r.recording.store(1, std::memory_order_release);
-    err = REC_StartThread(rec);
+    err = REC_StartThread(&rec->recorder);
     if (err != KORVALEN_OK) {
         r.recording = 0;
         MUX_Close(r.mux);
         r.mux = nullptr;
         std::remove(r.tempName);
-        ReleaseRecording(r);
+        REC_ReleaseQueue(r);
         return err;
     }
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_StartRecord success, %s", port, r.tempName);
@@ -199,7 +169,7 @@ uint32_t Player_StopRecord(uint32_t port)
         return KORVALEN_OK;
     }
     r.recording.store(0);
-    REC_StopThread(rec); // the thread drains the queue first
+    REC_StopThread(&rec->recorder); // the thread drains the queue first
     char finalName[kRecordNameMax] = {};
     uint32_t err = KORVALEN_OK;
     if (r.mux && !MUX_Started(r.mux)) {
@@ -218,7 +188,7 @@ uint32_t Player_StopRecord(uint32_t port)
         REC_SendReport(port, kReportRecordFile, finalName,
                        "Port [%03d] Player_StopRecord warm, send report fail, error(%d)");
     }
-    ReleaseRecording(r);
+    REC_ReleaseQueue(r);
     r.fileSize = 0;
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port[%03d] Player_StopRecord success, %s", port, finalName);
     return r.failed ? r.failed : err;
@@ -272,4 +242,12 @@ uint32_t Player_GetRecordFileSize(uint32_t port, uint64_t* size)
     }
     *size = rec->recorder.recording ? rec->recorder.fileSize.load() : 0;
     return KORVALEN_OK;
+}
+
+uint32_t Player_SnatchOnce(uint32_t port, const char* fileName, uint32_t pictureFormat,
+                           const KORVALEN_SNAP_PARAM* param)
+{
+    (void)param; // the JPEG encoder has one fixed quality
+    return Player_OnPortOrLog(port,
+                              [&](PortRecord& rec) { return Snap_Request(&rec.recorder, fileName, pictureFormat); });
 }
