@@ -6,7 +6,7 @@
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
 #include "pipeline/player_gpu.h"
-#include "port/port.h"
+#include "pipeline/pipeline.h"
 
 namespace {
 
@@ -58,7 +58,7 @@ uint32_t Player_AbleGpuDecodeEx(uint32_t enable, const KORVALEN_GPU_OPTIONS* opt
     return enable == 1 && !answer ? KORVALEN_ERR_NOT_SUPPORTED : KORVALEN_OK;
 }
 
-bool Player_WantGpu(const PortRecord* rec, uint32_t codecType)
+bool Player_WantGpu(const Pipeline* rec, uint32_t codecType)
 {
     if (!rec->gpuDecode || rec->stream.gpuFallback || rec->playback.window == 0) {
         return false; // GPU pictures are presented in a window; headless ports decode in software

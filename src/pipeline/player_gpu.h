@@ -5,12 +5,12 @@
 
 #include "korvalen_types.h"
 
-struct PortRecord;
+struct Pipeline;
 
 // True when the port's next decoder should be a GPU one: the switch was on
 // when the port was made, the device decodes the codec, the port has a
 // window, it has not fallen back to software, and a session is free.
-bool Player_WantGpu(const PortRecord* rec, uint32_t codecType);
+bool Player_WantGpu(const Pipeline* rec, uint32_t codecType);
 // The process-wide switch (Korvalen_AbleGpuDecode): 1 on when the device
 // decodes H.264 or H.265, 0 off. Returns the switch's answer.
 uint32_t Player_AbleGpuDecode(uint32_t enable);

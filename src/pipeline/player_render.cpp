@@ -9,7 +9,7 @@
 #include "pipeline/player_pacing.h"
 #include "pipeline/player_render.h"
 #include "platform/platform.h"
-#include "port/port_table.h"
+#include "pipeline/pipeline.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ bool Paced(uint32_t fluency)
 }
 
 // Interval between pictures for the render-side wait.
-uint32_t RenderInterval(const PortRecord* rec)
+uint32_t RenderInterval(const Pipeline* rec)
 {
     const PortPlayback& pb = rec->playback;
     if (rec->sourceKind == SOURCE_MEDIA_FILE && pb.fileFrameRate) {
@@ -44,7 +44,7 @@ uint32_t RenderInterval(const PortRecord* rec)
 
 // False when there was no picture to take: the caller then tries again
 // shortly instead of waiting a whole interval.
-bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
+bool ShowNext(Pipeline* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
 {
     PortPlayback& pb = rec->playback;
     if (pb.livePaused) {
@@ -93,7 +93,7 @@ bool ShowNext(PortRecord* rec, QUEUE_PICTURE_NODE** held, uint32_t* failures)
     return true;
 }
 
-void RenderThread(PortRecord* rec)
+void RenderThread(Pipeline* rec)
 {
     PLAT_SetThreadName("Render");
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __RenderThreadEntry thread succeed", rec->port);
@@ -143,7 +143,7 @@ void RenderThread(PortRecord* rec)
     }
 }
 
-void ReleaseRendering(PortRecord* rec)
+void ReleaseRendering(Pipeline* rec)
 {
     PortPlayback& pb = rec->playback;
     Video_DestroyDisplayDec(rec->video.display);
@@ -153,7 +153,7 @@ void ReleaseRendering(PortRecord* rec)
 
 } // namespace
 
-uint32_t Render_Start(PortRecord* rec, uint64_t window)
+uint32_t Render_Start(Pipeline* rec, uint64_t window)
 {
     const uint32_t port = rec->port;
     PortPlayback& pb = rec->playback;
@@ -193,7 +193,7 @@ uint32_t Render_Start(PortRecord* rec, uint64_t window)
     return KORVALEN_OK;
 }
 
-void Render_Stop(PortRecord* rec)
+void Render_Stop(Pipeline* rec)
 {
     PortPlayback& pb = rec->playback;
     pb.rendering = 0;

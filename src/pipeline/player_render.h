@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
-struct PortRecord;
+struct Pipeline;
 
 // Creates the display for the window, the picture queues, and starts the
 // render thread. 0 or the error of the step that failed (logged).
-uint32_t Render_Start(PortRecord* rec, uint64_t window);
+uint32_t Render_Start(Pipeline* rec, uint64_t window);
 // Stops the render thread and releases the display and the queues.
-void Render_Stop(PortRecord* rec);
+void Render_Stop(Pipeline* rec);

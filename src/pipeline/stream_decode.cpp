@@ -14,7 +14,7 @@
 #include "pipeline/player_gpu.h"
 #include "pipeline/player_pacing.h"
 #include "platform/platform.h"
-#include "port/port.h"
+#include "pipeline/pipeline.h"
 #include "record/record.h"
 
 namespace {
@@ -65,7 +65,7 @@ uint32_t RateCode(uint32_t rate)
     }
 }
 
-void WaitForDecodeTime(PortRecord* rec)
+void WaitForDecodeTime(Pipeline* rec)
 {
     PortPlayback& pb = rec->playback;
     uint32_t now = PLAT_TickMs();
@@ -101,7 +101,7 @@ void FreeDecoder(CODE_HANDLE* h, uint32_t* open)
 }
 
 // Makes (or re-makes, on a codec change) the decoder for the frame's codec.
-uint32_t FindDecode(PortRecord* rec, bool video)
+uint32_t FindDecode(Pipeline* rec, bool video)
 {
     PortStream& st = rec->stream;
     Player_StatisticsTimestamp(rec);
@@ -135,7 +135,7 @@ uint32_t FindDecode(PortRecord* rec, bool video)
 
 // An H.265 key frame the GPU could not decode: this port goes to software
 // decoding for good, and the frame is decoded again there.
-uint32_t RetryOnSoftware(PortRecord* rec, const CODE_INPUT* in)
+uint32_t RetryOnSoftware(Pipeline* rec, const CODE_INPUT* in)
 {
     PortStream& st = rec->stream;
     st.gpuFallback = 1;
@@ -152,9 +152,9 @@ uint32_t RetryOnSoftware(PortRecord* rec, const CODE_INPUT* in)
     return err;
 }
 
-void TakeVideoPicture(PortRecord* rec);
+void TakeVideoPicture(Pipeline* rec);
 
-void DecodeVideo(PortRecord* rec)
+void DecodeVideo(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     uint32_t err = FindDecode(rec, true);
@@ -188,7 +188,7 @@ void DecodeVideo(PortRecord* rec)
     TakeVideoPicture(rec);
 }
 
-void TakeVideoPicture(PortRecord* rec)
+void TakeVideoPicture(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     ++st.decodedFrames;
@@ -237,7 +237,7 @@ void TakeVideoPicture(PortRecord* rec)
     }
 }
 
-void DecodeAudio(PortRecord* rec)
+void DecodeAudio(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     uint32_t err = FindDecode(rec, false);
@@ -275,7 +275,7 @@ void DecodeAudio(PortRecord* rec)
     }
 }
 
-void HandleFrame(PortRecord* rec, bool* producedVideo)
+void HandleFrame(Pipeline* rec, bool* producedVideo)
 {
     PortStream& st = rec->stream;
     const StreamFrame& f = st.frame;
@@ -324,7 +324,7 @@ void HandleFrame(PortRecord* rec, bool* producedVideo)
     }
 }
 
-void DecodeThread(PortRecord* rec)
+void DecodeThread(Pipeline* rec)
 {
     PLAT_SetThreadName("Decode");
     KORVALEN_LOG(KORVALEN_LOG_INFO, "Port [%03d] Start __DecodeThreadEntry thread succeed", rec->port);
@@ -367,7 +367,7 @@ void DecodeThread(PortRecord* rec)
 
 } // namespace
 
-void Stream_DrainVideo(PortRecord* rec)
+void Stream_DrainVideo(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     for (uint32_t i = 0; st.videoOpen && i < kMaxDrainedPictures; ++i) {
@@ -380,13 +380,13 @@ void Stream_DrainVideo(PortRecord* rec)
     }
 }
 
-void Stream_HandleFrame(PortRecord* rec)
+void Stream_HandleFrame(Pipeline* rec)
 {
     bool producedVideo = false;
     HandleFrame(rec, &producedVideo);
 }
 
-uint32_t Stream_StartDecodeThread(PortRecord* rec)
+uint32_t Stream_StartDecodeThread(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     st.decodeRunning = 1;
@@ -399,7 +399,7 @@ uint32_t Stream_StartDecodeThread(PortRecord* rec)
     return KORVALEN_OK;
 }
 
-void Stream_StopDecodeThread(PortRecord* rec)
+void Stream_StopDecodeThread(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     st.decodeRunning = 0;
@@ -409,7 +409,7 @@ void Stream_StopDecodeThread(PortRecord* rec)
     }
 }
 
-void Stream_ReleaseDecoders(PortRecord* rec)
+void Stream_ReleaseDecoders(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     FreeDecoder(&st.video, &st.videoOpen);

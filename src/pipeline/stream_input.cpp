@@ -9,8 +9,7 @@
 #include "log/log.h"
 #include "pipeline/stream_decode.h"
 #include "platform/platform.h"
-#include "port/player_api.h"
-#include "port/port_table.h"
+#include "pipeline/pipeline.h"
 #include "record/record.h"
 
 namespace {
@@ -18,7 +17,7 @@ namespace {
 constexpr uint32_t kFullRetrySleepMs = 10;
 
 // Stream type for the source hook: 0 MPEG-TS, 3 RTP; 524 for anything else.
-uint32_t SourceHook(PortRecord* rec, const uint8_t* data, uint32_t length)
+uint32_t SourceHook(Pipeline* rec, const uint8_t* data, uint32_t length)
 {
     auto& slot = rec->callbacks.source;
     if (!slot.fn) {
@@ -41,7 +40,7 @@ uint32_t SourceHook(PortRecord* rec, const uint8_t* data, uint32_t length)
 
 } // namespace
 
-uint32_t Stream_OpenDecodeSide(PortRecord* rec)
+uint32_t Stream_OpenDecodeSide(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     const uint32_t port = rec->port;
@@ -69,7 +68,7 @@ uint32_t Stream_OpenDecodeSide(PortRecord* rec)
     return KORVALEN_OK;
 }
 
-void Stream_CloseDecodeSide(PortRecord* rec)
+void Stream_CloseDecodeSide(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     Stream_StopDecodeThread(rec);
@@ -83,7 +82,7 @@ void Stream_CloseDecodeSide(PortRecord* rec)
     st.flvTag = nullptr;
 }
 
-uint32_t Stream_QueuePacket(PortRecord* rec, const uint8_t* data, uint32_t length,
+uint32_t Stream_QueuePacket(Pipeline* rec, const uint8_t* data, uint32_t length,
                             const std::atomic<uint32_t>* keepTrying, uint32_t logEvery, uint32_t maxRetries)
 {
     uint32_t err = SourceHook(rec, data, length);
@@ -109,39 +108,39 @@ namespace {
 uint32_t SinkPacket(void* ctx, const uint8_t* data, uint32_t length, const std::atomic<uint32_t>* keepTrying,
                     uint32_t logEvery, uint32_t maxRetries)
 {
-    auto* rec = static_cast<PortRecord*>(ctx);
+    auto* rec = static_cast<Pipeline*>(ctx);
     REC_QueuePacket(&rec->recorder, data, length, rec->bufferCtrl, maxRetries);
     return Stream_QueuePacket(rec, data, length, keepTrying, logEvery, maxRetries);
 }
 
 void SinkDrain(void* ctx)
 {
-    auto* rec = static_cast<PortRecord*>(ctx);
+    auto* rec = static_cast<Pipeline*>(ctx);
     rec->stream.drainRequest = 1;
     QUEUE_WakePacketReader(&rec->packetBuffer);
 }
 
 uint32_t SinkQueue(void* ctx, const uint8_t* data, uint32_t length)
 {
-    auto* rec = static_cast<PortRecord*>(ctx);
+    auto* rec = static_cast<Pipeline*>(ctx);
     return QUEUE_AddPacketEx(data, length, &rec->stream.payloads, &rec->packetBuffer);
 }
 
 void SinkPlay(void* ctx, uint32_t on)
 {
-    static_cast<PortRecord*>(ctx)->playback.running = on;
+    static_cast<Pipeline*>(ctx)->playback.running = on;
 }
 
 uint32_t SinkRestart(void* ctx)
 {
-    auto* rec = static_cast<PortRecord*>(ctx);
+    auto* rec = static_cast<Pipeline*>(ctx);
     Stream_CloseDecodeSide(rec);
     return Stream_OpenDecodeSide(rec);
 }
 
 } // namespace
 
-void Stream_MakeSink(PortRecord* rec, SOURCE_SINK* sink)
+void Stream_MakeSink(Pipeline* rec, SOURCE_SINK* sink)
 {
     *sink = SOURCE_SINK{};
     sink->ctx = rec;

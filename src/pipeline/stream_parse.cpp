@@ -7,7 +7,7 @@
 #include "log/log.h"
 #include "media/codec_facts.h"
 #include "pipeline/stream_decode.h"
-#include "port/port.h"
+#include "pipeline/pipeline.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ void Publish(PortStream& st, const uint8_t* data, uint32_t length, uint64_t ts, 
     st.frame.frameType = type;
 }
 
-uint32_t ParseTs(const uint8_t* data, uint32_t length, PortRecord* rec)
+uint32_t ParseTs(const uint8_t* data, uint32_t length, Pipeline* rec)
 {
     PortStream& st = rec->stream;
     if (st.parseMode != PARSE_TS) {
@@ -44,7 +44,7 @@ uint32_t ParseTs(const uint8_t* data, uint32_t length, PortRecord* rec)
     return KORVALEN_OK;
 }
 
-uint32_t ParseFlv(const uint8_t* data, uint32_t length, PortRecord* rec)
+uint32_t ParseFlv(const uint8_t* data, uint32_t length, Pipeline* rec)
 {
     PortStream& st = rec->stream;
     if (!st.flvTag) {
@@ -70,7 +70,7 @@ uint32_t ParseFlv(const uint8_t* data, uint32_t length, PortRecord* rec)
     return KORVALEN_OK;
 }
 
-uint32_t ParseRtp(const uint8_t* data, uint32_t length, PortRecord* rec)
+uint32_t ParseRtp(const uint8_t* data, uint32_t length, Pipeline* rec)
 {
     PortStream& st = rec->stream;
     if (st.parseMode != PARSE_RTP) {
@@ -96,7 +96,7 @@ uint32_t ParseRtp(const uint8_t* data, uint32_t length, PortRecord* rec)
 // three-byte start codes within one access unit (x264 puts three-byte ones
 // before slices), so the scan looks for 00 00 01, which a four-byte code
 // also holds.
-uint32_t ParseRaw(const uint8_t* data, uint32_t length, PortRecord* rec, uint32_t startLen)
+uint32_t ParseRaw(const uint8_t* data, uint32_t length, Pipeline* rec, uint32_t startLen)
 {
     PortStream& st = rec->stream;
     for (uint32_t i = 0;; ++i) {
@@ -137,7 +137,7 @@ uint32_t ParseRaw(const uint8_t* data, uint32_t length, PortRecord* rec, uint32_
 
 } // namespace
 
-uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* rec)
+uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, Pipeline* rec)
 {
     PortStream& st = rec->stream;
     if (!data || length == 0) {
@@ -191,7 +191,7 @@ uint32_t Player_ParseStream(const uint8_t* data, uint32_t length, PortRecord* re
     return ParseRaw(data, length, rec, 4);
 }
 
-uint32_t Player_StatisticsTimestamp(PortRecord* rec)
+uint32_t Player_StatisticsTimestamp(Pipeline* rec)
 {
     PortStream& st = rec->stream;
     const StreamFrame& f = st.frame;
