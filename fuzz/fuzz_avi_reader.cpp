@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "avi/avi.h"
+#include "demux/avi/avi.h"
 #include "log/log.h"
 
 namespace {

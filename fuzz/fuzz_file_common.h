@@ -13,7 +13,7 @@
 
 #include "file/file_parser.h"
 #include "korvalen_types.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"
 
 inline void FuzzOneFile(const uint8_t* data, size_t size)

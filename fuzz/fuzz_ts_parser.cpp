@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "korvalen_types.h"
-#include "pipeline/ts_parser.h"
+#include "demux/ts_parser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

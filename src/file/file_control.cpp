@@ -3,7 +3,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 #include "log/log.h"
 #include "platform/platform.h"
 #include "heap/qmx_heap.h"

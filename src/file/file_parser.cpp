@@ -1,11 +1,11 @@
 // Container detection and dispatch: one FileParserInfo per file-playing port.
 #include "file/file_parser.h"
 
-#include "avi/avi.h"
+#include "demux/avi/avi.h"
 
 #include <cstring>
 
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "heap/qmx_heap.h"

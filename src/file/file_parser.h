@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "mp4/mp4_reader.h"
-#include "pipeline/ts_parser.h"
+#include "demux/mp4/mp4_reader.h"
+#include "demux/ts_parser.h"
 
 constexpr uint32_t kFileFrameBufferSize = 0x200000;
 constexpr uint32_t kFileTsBufferSize = 0x200000;

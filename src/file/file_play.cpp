@@ -9,7 +9,7 @@
 #include "audio/dsound_play.h"
 #include "codec/code_manager.h"
 #include "log/log.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 #include "platform/platform.h"
 #include "port/player_api.h"
 #include "port/port_table.h"

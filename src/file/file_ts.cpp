@@ -4,10 +4,10 @@
 #include <cstring>
 
 #include "file/file_parser.h"
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include "media/rtp_payload.h"
 #include "net/net_socket.h"
 #include "net/rtp.h"
-#include "pipeline/flv_parser.h"
-#include "pipeline/ts_parser.h"
+#include "demux/flv_parser.h"
+#include "demux/ts_parser.h"
 
 constexpr uint32_t kFrameBufferSize = 0x200000; // 2 MiB, video assembly
 constexpr uint32_t kAudioBufferSize = 10240;

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "net/rtp.h"
-#include "pipeline/flv_parser.h"
-#include "pipeline/ts_parser.h"
+#include "demux/flv_parser.h"
+#include "demux/ts_parser.h"
 
 struct REC_FRAME {
     const uint8_t* data;

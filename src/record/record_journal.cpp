@@ -11,11 +11,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "avi/avi_file.h"
+#include "demux/avi/avi_file.h"
 #include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 
 namespace {
 

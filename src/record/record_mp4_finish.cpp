@@ -16,7 +16,7 @@ extern "C" {
 #include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 #include "record/record_journal.h"
 #include "record/record_mux_av.h"
 

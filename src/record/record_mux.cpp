@@ -13,9 +13,9 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 }
 
-#include "avi/avi.h"
-#include "avi/avi_file.h"
-#include "file/qmx_file.h"
+#include "demux/avi/avi.h"
+#include "demux/avi/avi_file.h"
+#include "fileio/qmx_file.h"
 #include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"

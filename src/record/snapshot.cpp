@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "codec/code_manager.h"
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 #include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "record/record.h"

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "../unit/codec_media.h"
-#include "avi/avi.h"
+#include "demux/avi/avi.h"
 #include "korvalen.h"
 #include "record/record_journal.h"
 #include "record_support.h"

@@ -11,7 +11,7 @@
 
 #include "../unit/codec_media.h"
 #include "../unit/rtp_peer.h"
-#include "avi/avi.h"
+#include "demux/avi/avi.h"
 #include "korvalen.h"
 #include "heap/qmx_heap.h"
 #include "port/port.h"

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
 #include "test_env.h"

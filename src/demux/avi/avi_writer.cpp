@@ -1,7 +1,7 @@
 // The AVI writer used by recording: stream set-up and one frame at a time.
 #include <cmath>
 
-#include "avi/avi.h"
+#include "demux/avi/avi.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "avi/avi.h"
+#include "demux/avi/avi.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 

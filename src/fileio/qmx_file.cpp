@@ -1,4 +1,4 @@
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "pipeline/flv_parser.h"
+#include "demux/flv_parser.h"
 
 #include <cstring>
 

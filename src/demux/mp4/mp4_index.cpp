@@ -5,7 +5,7 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // block in front of the "movi" list, so the header is rewritten in place at
 // a frame-rate change and at close, and a file cut short still has valid
 // stream headers in front of its chunks.
-#include "avi/avi_file.h"
+#include "demux/avi/avi_file.h"
 
 #include <cmath>
 #include <cstring>

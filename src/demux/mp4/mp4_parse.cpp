@@ -3,10 +3,10 @@
 #include <cstring>
 #include <new>
 
-#include "file/qmx_file.h"
+#include "fileio/qmx_file.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "mp4/mp4_reader.h"
+#include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "avi/avi_file.h"
+#include "demux/avi/avi_file.h"
 
 using AVI_HANDLE = AVI_FILE*;
 

@@ -1,4 +1,4 @@
-#include "pipeline/ts_parser.h"
+#include "demux/ts_parser.h"
 
 #include <cstring>
 
