@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench_util.h"
-#include "file/file_parser.h"
+#include "demux/demux.h"
 #include "korvalen_types.h"
 #include "heap/qmx_heap.h"
 

@@ -11,7 +11,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "file/file_parser.h"
+#include "demux/demux.h"
 #include "korvalen_types.h"
 #include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"

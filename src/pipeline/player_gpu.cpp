@@ -5,8 +5,8 @@
 
 #include "codec/code_manager.h"
 #include "korvalen_types.h"
-#include "pipeline/player_gpu.h"
 #include "pipeline/pipeline.h"
+#include "pipeline/player_gpu.h"
 
 namespace {
 

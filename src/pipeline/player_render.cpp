@@ -6,10 +6,10 @@
 
 #include "display/video_display.h"
 #include "log/log.h"
+#include "pipeline/pipeline.h"
 #include "pipeline/player_pacing.h"
 #include "pipeline/player_render.h"
 #include "platform/platform.h"
-#include "pipeline/pipeline.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 #include <thread>
 
 #include "codec/code_types.h"
+#include "demux/flv_parser.h"
+#include "demux/ts_parser.h"
 #include "media/rtp_payload.h"
 #include "net/net_socket.h"
 #include "net/rtp.h"
-#include "demux/flv_parser.h"
-#include "demux/ts_parser.h"
 
 constexpr uint32_t kFrameBufferSize = 0x200000; // 2 MiB, video assembly
 constexpr uint32_t kAudioBufferSize = 10240;

@@ -11,10 +11,10 @@
 #include "display/video_display.h"
 #include "heap/qmx_heap.h"
 #include "log/log.h"
+#include "pipeline/pipeline.h"
 #include "pipeline/player_gpu.h"
 #include "pipeline/player_pacing.h"
 #include "platform/platform.h"
-#include "pipeline/pipeline.h"
 #include "record/record.h"
 
 namespace {

@@ -4,12 +4,14 @@
 #include <mutex>
 
 #include "audio/audio_port.h"
+#include "audio/dsound_play.h"
 #include "codec/code_manager.h"
+#include "demux/demux.h"
 #include "heap/qmx_heap.h"
 #include "log/log.h"
+#include "pipeline/pipeline.h"
 #include "pipeline/stream_decode.h"
 #include "platform/platform.h"
-#include "pipeline/pipeline.h"
 #include "record/record.h"
 
 namespace {
@@ -116,8 +118,54 @@ uint32_t SinkPacket(void* ctx, const uint8_t* data, uint32_t length, const std::
 void SinkDrain(void* ctx)
 {
     auto* rec = static_cast<Pipeline*>(ctx);
+    if (!rec->stream.decodeRunning) {
+        Stream_DrainVideo(rec); // the source decodes on its own thread
+        return;
+    }
     rec->stream.drainRequest = 1;
     QUEUE_WakePacketReader(&rec->packetBuffer);
+}
+
+void SinkFrame(void* ctx, const FileFrameInfo* f, uint32_t flags)
+{
+    auto* rec = static_cast<Pipeline*>(ctx);
+    PortStream& st = rec->stream;
+    if (flags & SOURCE_FRAME_QUIET) {
+        // Decoded but not shown: the frames between a key frame and the one
+        // stepped back to.
+        if (st.videoOpen && st.video.codecType == static_cast<int32_t>(f->payloadType)) {
+            CODE_INPUT in{};
+            in.data = f->data;
+            in.length = f->length;
+            CODE_Decoder(&st.video, &in, &st.videoOut);
+        }
+        return;
+    }
+    st.frame = StreamFrame{f->data, f->length, f->timeStamp, f->payloadType, f->frameType};
+    Stream_HandleFrame(rec);
+}
+
+void SinkFrameRate(void* ctx, uint32_t rate)
+{
+    auto* rec = static_cast<Pipeline*>(ctx);
+    rec->stream.frameRate = rate;
+    rec->stream.rateFromStream = 1; // the source measures the rate; the decode side keeps it
+    rec->playback.frameRate = rate;
+    rec->playback.fileFrameRate = rate;
+    rec->frameInterval = 1000 / rate;
+}
+
+int32_t SinkSoundLevel(void* ctx)
+{
+    auto* rec = static_cast<Pipeline*>(ctx);
+    std::lock_guard<std::recursive_mutex> lock(rec->dataLock);
+    const CDsoundPlay* play = rec->sound.play;
+    if (!play || !rec->sound.open) {
+        return -1;
+    }
+    const uint32_t w = play->RingWriteIndex();
+    const uint32_t r = play->RingReadIndex();
+    return static_cast<int32_t>(w >= r ? w - r : play->RingSlots() - r + w);
 }
 
 uint32_t SinkQueue(void* ctx, const uint8_t* data, uint32_t length)
@@ -148,9 +196,13 @@ void Stream_MakeSink(Pipeline* rec, SOURCE_SINK* sink)
     sink->payloads = &rec->stream.payloads;
     sink->feed = &rec->feedDecoder;
     sink->playing = &rec->playback.running;
+    sink->speed = &rec->speedFactor;
     sink->packet = SinkPacket;
     sink->drain = SinkDrain;
     sink->restart = SinkRestart;
     sink->queue = SinkQueue;
     sink->play = SinkPlay;
+    sink->frame = SinkFrame;
+    sink->frameRate = SinkFrameRate;
+    sink->soundLevel = SinkSoundLevel;
 }

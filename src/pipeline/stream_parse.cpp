@@ -6,8 +6,8 @@
 #include "heap/qmx_heap.h"
 #include "log/log.h"
 #include "media/codec_facts.h"
-#include "pipeline/stream_decode.h"
 #include "pipeline/pipeline.h"
+#include "pipeline/stream_decode.h"
 
 namespace {
 

@@ -5,12 +5,10 @@
 #include <cstdint>
 
 #include "audio/port_voice.h"
-#include "file/port_file.h"
 #include "pipeline/pipeline.h"
 #include "source/source.h"
 
 struct PortRecord : Pipeline {
     SOURCE source;
     PortVoice voice;
-    PortFile file;
 };

@@ -1,10 +1,11 @@
 // Play control of a port: start and stop of rendering, pause of files, HLS
 // and live pictures, fluency, and one-frame decoding.
-#include "file/port_file.h"
 #include "log/log.h"
 #include "pipeline/player_render.h"
 #include "port/player_api.h"
+#include "port/port_source.h"
 #include "port/port_table.h"
+#include "source/file/file_source.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ uint32_t Player_StartPlay(uint32_t port, uint64_t window)
     }
     if (rec->sourceKind == SOURCE_MEDIA_FILE) {
         pb.running = 1;
-        File_OnPlayState(rec, true);
+        FILESRC_OnPlayState(Port_SourceState(rec, &kFileSourceOps), true);
     }
     return Render_Start(rec, window);
 }
@@ -40,7 +41,7 @@ uint32_t Player_StopPlay(uint32_t port, uint64_t)
     }
     if (rec->sourceKind == SOURCE_MEDIA_FILE) {
         rec->playback.running = 0;
-        File_OnPlayState(rec, false);
+        FILESRC_OnPlayState(Port_SourceState(rec, &kFileSourceOps), false);
     }
     Render_Stop(rec);
     return KORVALEN_OK;
@@ -54,7 +55,7 @@ uint32_t Player_PausePlay(uint32_t port, uint32_t pause)
         }
         rec.playback.running = pause == 1 ? 0 : 1;
         if (rec.sourceKind == SOURCE_MEDIA_FILE) {
-            File_OnPlayState(&rec, pause != 1);
+            FILESRC_OnPlayState(Port_SourceState(&rec, &kFileSourceOps), pause != 1);
         }
         return KORVALEN_OK;
     });

@@ -21,10 +21,10 @@ uint32_t Port_OpenSource(PortRecord* rec, const SOURCE_OPS* ops, const void* par
     if (err != KORVALEN_OK) {
         return err;
     }
-    err = Stream_OpenDecodeSide(rec);
+    err = ops->framesWhole ? KORVALEN_OK : Stream_OpenDecodeSide(rec);
     if (err == KORVALEN_OK && ops->start) {
         err = ops->start(s.state);
-        if (err != KORVALEN_OK) {
+        if (err != KORVALEN_OK && !ops->framesWhole) {
             Stream_CloseDecodeSide(rec);
         }
     }
@@ -50,7 +50,11 @@ void Port_CloseSource(PortRecord* rec)
     if (s.ops->stop) {
         s.ops->stop(s.state);
     }
-    Stream_CloseDecodeSide(rec);
+    if (s.ops->framesWhole) {
+        Stream_ReleaseDecoders(rec);
+    } else {
+        Stream_CloseDecodeSide(rec);
+    }
     s.ops->close(s.state);
     if (rec->sourceKind == s.ops->kind) {
         rec->sourceKind = SOURCE_NONE;

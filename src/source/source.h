@@ -39,6 +39,7 @@ struct SOURCE_SINK {
     const RTP_PAYLOAD_TABLE* payloads = nullptr;    // the port's payload-type table
     const std::atomic<uint32_t>* feed = nullptr;    // 0: data goes only to the callbacks and the recorder
     const std::atomic<uint32_t>* playing = nullptr; // file and HLS pacing: 0 paused, 1 playing
+    const std::atomic<float>* speed = nullptr;      // file pacing: the play speed factor
     // A received packet or pushed chunk: the source callback, the recorder,
     // then the packet buffer (waiting while keepTrying allows, at most
     // maxRetries times when non-zero). 0, 524 refused, 260 full.
@@ -52,13 +53,17 @@ struct SOURCE_SINK {
     // A whole frame read from a container: parsed, decoded and shown (or
     // only decoded with SOURCE_FRAME_QUIET).
     void (*frame)(void* ctx, const FileFrameInfo* frame, uint32_t flags) = nullptr;
-    // The source has ended: show what the decoder still holds.
+    // The source has ended: show what the decoder still holds (at once for a
+    // source that decodes on its own thread, else once the queue is empty).
     void (*drain)(void* ctx) = nullptr;
     // Starts decoding over (HLS jumps to another time): empties the queues
     // and decoders. 0 or the error of reopening.
     uint32_t (*restart)(void* ctx) = nullptr;
     // The source learnt the stream's frame rate (frames per second).
     void (*frameRate)(void* ctx, uint32_t rate) = nullptr;
+    // Blocks waiting in the port's sound ring, -1 when no sound plays: file
+    // pacing leans on it to keep sound fed.
+    int32_t (*soundLevel)(void* ctx) = nullptr;
 };
 
 struct SOURCE_STATS {
@@ -76,6 +81,9 @@ struct SOURCE_OPS {
     void (*stop)(void* state);
     void (*close)(void* state);
     void (*stats)(void* state, SOURCE_STATS* out);
+    // Frames come whole through sink.frame on the source's own thread: the
+    // port opens no packet buffer and no decode thread for it.
+    bool framesWhole;
 };
 
 // A port's source: its operations and the state its open made.

@@ -11,7 +11,7 @@
 #include "codec_media.h"
 #include <gtest/gtest.h>
 
-#include "file/file_parser.h"
+#include "demux/demux.h"
 #include "korvalen_types.h"
 #include "heap/qmx_heap.h"
 #include "test_env.h"

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "file_media.h"
-#include "log_capture.h"
 #include "heap/qmx_heap.h"
+#include "log_capture.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ TEST_F(TsTest, PropertiesFramesAndPicturesOfBothCodecs)
         std::string path = FixturePath(c.name);
         REQUIRE_FIXTURE(path);
         ASSERT_EQ(Open(path), 0u);
-        EXPECT_EQ(info.mp4Parser, nullptr);
+        EXPECT_EQ(info.ops, &kDemuxTs);
         EXPECT_NE(info.pcrPid, 0u);
         EXPECT_EQ(info.fileLength, LoadFile(path).size());
         EXPECT_GT(info.startTime, 0u);

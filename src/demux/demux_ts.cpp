@@ -1,13 +1,15 @@
-// MPEG-TS files: properties from the PCRs at the start and end, frames
-// through the shared TS demultiplexer, and seeking by a binary search on PCR.
+// The MPEG-TS row of the container table: properties from the PCRs at the
+// start and end, frames through the TS demultiplexer the pushed streams use
+// too, and seeking by a binary search on PCR.
 #include <cinttypes>
 #include <cstring>
 
-#include "file/file_parser.h"
+#include "demux/demux.h"
+#include "demux/mp4/mp4_reader.h"
 #include "fileio/qmx_file.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "demux/mp4/mp4_reader.h"
 
 namespace {
 
@@ -210,14 +212,18 @@ uint32_t TS_GetOneFrameData(FILE* file, uint32_t, uint8_t* buffer, uint32_t* len
     return KORVALEN_OK;
 }
 
-void File_ResetTsDemux(FileParserInfo* info)
+namespace {
+
+constexpr uint32_t kProbeSize = 375;
+
+void ResetDemux(FileParserInfo* info)
 {
     TS_Reset(&info->tsDemuxState, info->frameBuffer, kFileFrameBufferSize, info->tsAudioBuffer, kFileTsAudioBufferSize);
     info->tsFrameLength = 0;
     info->tsEnded = 0;
 }
 
-uint32_t File_ReadTsFrame(FileParserInfo* info, FileFrameInfo* frame, uint32_t readMode)
+uint32_t Read(FileParserInfo* info, FileFrameInfo* frame, uint32_t readMode)
 {
     if (!info->tsBuffer) {
         return KORVALEN_ERR_INVALID_PARAM;
@@ -269,7 +275,7 @@ uint32_t File_ReadTsFrame(FileParserInfo* info, FileFrameInfo* frame, uint32_t r
     }
 }
 
-uint32_t File_SeekTs(FileParserInfo* info, uint32_t seconds)
+uint32_t Seek(FileParserInfo* info, uint32_t seconds, uint32_t)
 {
     FILE* f = info->file;
     uint32_t err = KORVALEN_OK;
@@ -300,6 +306,56 @@ uint32_t File_SeekTs(FileParserInfo* info, uint32_t seconds)
             }
         }
     }
-    File_ResetTsDemux(info);
+    ResetDemux(info);
     return err;
 }
+
+bool Probe(FILE* f)
+{
+    uint8_t b[kProbeSize];
+    uint32_t got = 0;
+    DEMUX_ReadAt(f, 0, b, kProbeSize, &got);
+    QMX_FileSeek(f, 0, SEEK_SET);
+    return got > kTsPacketSize && b[0] == 0x47 && b[kTsPacketSize] == 0x47;
+}
+
+uint8_t* Buffer(uint32_t size)
+{
+    auto* b = static_cast<uint8_t*>(QMX_HeapMalloc(size));
+    if (!b) {
+        FILE_LOG(KORVALEN_LOG_ERROR, "File_CreateFileParser fail, QMX_MALLOC[%d] failed", static_cast<int>(size));
+    }
+    return b;
+}
+
+uint32_t Open(FileParserInfo* info, const char*)
+{
+    info->tsBuffer = Buffer(kFileTsBufferSize);
+    info->tsAudioBuffer = info->tsBuffer ? Buffer(kFileTsAudioBufferSize) : nullptr;
+    if (!info->tsAudioBuffer) {
+        QMX_HeapFree(info->tsBuffer);
+        info->tsBuffer = nullptr;
+        return KORVALEN_ERR_NO_MEMORY;
+    }
+    ResetDemux(info);
+    return KORVALEN_OK;
+}
+
+uint32_t Tell(FileParserInfo* info, uint32_t* seconds)
+{
+    const uint64_t ts = info->tsFrame.timestamp;
+    *seconds = ts > info->startTime ? static_cast<uint32_t>((ts - info->startTime) / 90000) : 0;
+    return KORVALEN_OK;
+}
+
+void Close(FileParserInfo* info)
+{
+    QMX_HeapFree(info->tsBuffer);
+    info->tsBuffer = nullptr;
+    QMX_HeapFree(info->tsAudioBuffer);
+    info->tsAudioBuffer = nullptr;
+}
+
+} // namespace
+
+const DEMUX_OPS kDemuxTs = {"ts", Probe, Open, File_GetTsProperty, Read, Seek, Tell, Close, nullptr, true};

@@ -1,14 +1,7 @@
-// The file play thread and what it runs: one frame read at a time, handed
-// to the decode and render side and paced by the play speed.
+// The pace of file playback: how long the play thread waits after a frame.
 #pragma once
 
 #include <cstdint>
-
-struct PortRecord;
-
-// Reads one frame in the read mode into the port's current frame. 0, 263 at
-// the end of the file, or the reader's error.
-uint32_t Player_ParserFile(PortRecord* rec, uint32_t readMode);
 
 struct FileTime {
     uint32_t seconds;
@@ -20,8 +13,5 @@ struct FileTime {
 // (blocks waiting in the sound ring, negative when unknown).
 int32_t File_FrameWaitMs(uint32_t frameCtrl, float speedFactor, uint32_t frameRate, float frameInterval,
                          int32_t elapsedMs, int32_t soundLevel);
-
-// Sleeps until the next frame is due. 2 for a null time.
-uint32_t Player_FileSleepProc(const FileTime* previous, float speedFactor, PortRecord* rec);
 
 FileTime File_Now();
