@@ -19,7 +19,7 @@
 #include <unistd.h>
 
 #include "net/net_socket.h"
-#include "net/rtp.h"
+#include "rtp/rtp.h"
 #include "platform/platform.h"
 
 namespace {

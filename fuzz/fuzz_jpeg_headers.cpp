@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "net/rtp_jpeg.h"
+#include "rtp/rtp_jpeg.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

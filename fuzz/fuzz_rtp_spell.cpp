@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "log/log.h"
-#include "net/rtp.h"
+#include "rtp/rtp.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "audio/mic_capture.h"
 #include "codec/code_types.h"
 #include "net/net_socket.h"
-#include "net/rtp_sender.h"
+#include "rtp/rtp_sender.h"
 #include "queue/queue_packet.h"
 
 constexpr uint32_t kVoiceSendBufSize = 1500;

@@ -14,7 +14,7 @@
 
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "net/rtp_bytes.h"
+#include "media/rtp_bytes.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "demux/ts_parser.h"
 #include "media/rtp_payload.h"
 #include "net/net_socket.h"
-#include "net/rtp.h"
+#include "rtp/rtp.h"
 
 constexpr uint32_t kFrameBufferSize = 0x200000; // 2 MiB, video assembly
 constexpr uint32_t kAudioBufferSize = 10240;

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "net/rtp.h"
+#include "rtp/rtp.h"
 #include "demux/flv_parser.h"
 #include "demux/ts_parser.h"
 

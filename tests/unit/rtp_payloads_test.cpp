@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "log_capture.h"
-#include "net/rtp_jpeg.h"
-#include "net/rtp_sender.h"
+#include "rtp/rtp_jpeg.h"
+#include "rtp/rtp_sender.h"
 #include "rtp_packets.h"
 
 using namespace rtp_packets;

@@ -23,7 +23,7 @@
 
 #include "codec_media.h"
 #include "net/net_socket.h"
-#include "net/rtp.h"
+#include "rtp/rtp.h"
 #include "platform/platform.h"
 #include "test_env.h"
 

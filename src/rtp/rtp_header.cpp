@@ -1,28 +1,11 @@
 // RTP header parsing, the per-codec sequence check and the packet tests used
-// before reordering.
+// before reordering; the payload's own header is its row's to parse.
 #include "log/log.h"
 #include "media/codec_facts.h"
-#include "net/rtp.h"
-#include "net/rtp_bytes.h"
+#include "media/rtp_bytes.h"
+#include "rtp/rtp_handler.h"
 
 namespace {
-
-bool H264Accepted(uint8_t nalType)
-{
-    switch (nalType) {
-    case 1:
-    case 5:
-    case 6:
-    case 7:
-    case 8:
-    case 9:
-    case 24:
-    case 28:
-        return true;
-    default:
-        return false;
-    }
-}
 
 // Gaps discard the frame being built; a switch between two video codecs that
 // carries on the previous packet's numbering is not a gap.
@@ -46,103 +29,6 @@ uint32_t CheckSequence(uint16_t seq, uint32_t codec, RTP_STREAM_INFO* s)
     s->seqSeen |= bit;
     s->prevCodec = codec;
     s->prevSeq = seq;
-    return KORVALEN_OK;
-}
-
-void ParseH264(const uint8_t* pkt, uint32_t len, RTP_PACKET_INFO* info)
-{
-    const uint32_t po = info->payloadOffset;
-    const uint8_t indicator = pkt[po];
-    const uint8_t type = indicator & 0x1F;
-    if (type < 24) {
-        info->nalKind = RTP_NAL_SINGLE;
-        info->nalType = type;
-        info->dataOffset = po + 1;
-    } else if (type == RTP_NAL_FU_A) {
-        const uint8_t fu = po + 1 < len ? pkt[po + 1] : 0;
-        info->nalKind = RTP_NAL_FU_A;
-        info->fuStart = fu >> 7;
-        info->fuEnd = (fu >> 6) & 1;
-        info->nalType = fu & 0x1F;
-        info->h264Header = static_cast<uint8_t>((indicator & 0xE0) | info->nalType);
-        info->dataOffset = po + 2;
-    } else if (type == RTP_NAL_STAP_A) {
-        info->nalKind = RTP_NAL_STAP_A;
-        info->nalType = 5; // an aggregate counts as a key frame
-        info->dataOffset = po + 1;
-    } else {
-        KORVALEN_LOG(KORVALEN_LOG_WARN, "Nal type unknow ,type = %d", type);
-        info->nalKind = type;
-        info->nalType = type;
-        info->dataOffset = po + 1;
-    }
-}
-
-void ParseH265(const uint8_t* pkt, uint32_t len, RTP_PACKET_INFO* info)
-{
-    const uint32_t po = info->payloadOffset;
-    const uint8_t type = (pkt[po] & 0x7E) >> 1;
-    if (type == RTP_NAL_H265_FU) {
-        const uint8_t fu = po + 2 < len ? pkt[po + 2] : 0;
-        const uint8_t second = po + 1 < len ? pkt[po + 1] : 0;
-        info->nalKind = RTP_NAL_H265_FU;
-        info->fuStart = fu >> 7;
-        info->fuEnd = (fu >> 6) & 1;
-        info->nalType = fu & 0x3F;
-        info->h265Header = static_cast<uint16_t>(((pkt[po] & 0x81) | (info->nalType << 1)) << 8 | second);
-        info->dataOffset = po + 3;
-    } else if (type == RTP_NAL_H265_AP) {
-        info->nalKind = RTP_NAL_H265_AP;
-        // The first aggregated unit names the packet.
-        info->nalType = po + 4 < len ? (pkt[po + 4] & 0x7E) >> 1 : type;
-        info->dataOffset = po + 2;
-    } else {
-        info->nalKind = RTP_NAL_SINGLE;
-        info->nalType = type;
-        info->dataOffset = po + 2;
-    }
-}
-
-uint32_t ParseJpeg(const uint8_t* pkt, uint32_t len, RTP_PACKET_INFO* info)
-{
-    uint32_t off = info->payloadOffset;
-    if (off + 8 > len) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "RTP_ParseHeader fail, JPEG header len(%d)", len - off);
-        return RTP_ERR_MALFORMED;
-    }
-    const uint8_t* h = pkt + off;
-    info->jpegOffset = RTP_Be24(h + 1);
-    info->jpegType = h[4];
-    info->jpegQ = h[5];
-    info->jpegWidth = static_cast<uint16_t>(h[6] * 8);
-    info->jpegHeight = static_cast<uint16_t>(h[7] * 8);
-    off += 8;
-    if (info->jpegType >= 64 && info->jpegType <= 127) {
-        if (off + 4 > len) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "RTP_ParseHeader fail, JPEG restart header len(%d)", len - off);
-            return RTP_ERR_MALFORMED;
-        }
-        info->jpegRestart = RTP_Be16(pkt + off);
-        off += 4;
-    }
-    // Q 128 and up carries the tables in the frame's first packet. 255 is
-    // included: the usual senders use it for tables sent with every frame.
-    if (info->jpegOffset == 0 && info->jpegQ >= 128) {
-        if (off + 4 > len) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "RTP_ParseHeader fail, JPEG table header len(%d)", len - off);
-            return RTP_ERR_MALFORMED;
-        }
-        info->jpegQPrecision = pkt[off + 1];
-        info->jpegQTableLen = RTP_Be16(pkt + off + 2);
-        off += 4;
-        if (info->jpegQTableLen > len - off) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "RTP_ParseHeader fail, JPEG table len(%d) > left(%d)", info->jpegQTableLen,
-                         len - off);
-            return RTP_ERR_MALFORMED;
-        }
-        off += info->jpegQTableLen;
-    }
-    info->dataOffset = off;
     return KORVALEN_OK;
 }
 
@@ -201,13 +87,14 @@ uint32_t RTP_ParseHeader(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TAB
     if (ret != KORVALEN_OK) {
         return ret;
     }
-    if (info->codecType >= kRtpCodecSlots) {
+    const RTP_PAYLOAD_HANDLER* h = RTP_FindHandler(info->codecType);
+    if (!h || info->codecType >= kRtpCodecSlots) {
         KORVALEN_LOG(KORVALEN_LOG_WARN, "Unknown Stream type(%d)", info->payloadType);
         return KORVALEN_ERR_UNKNOWN_STREAM;
     }
     info->marker = pkt[1] >> 7;
 
-    if (info->codecType == KORVALEN_CODEC_H264 && !H264Accepted(pkt[off] & 0x1F)) {
+    if (h->accepts && !h->accepts(pkt[off])) {
         KORVALEN_LOG(KORVALEN_LOG_DEBUG, "%02x %02x %02x %02x\t %02x %02x", pkt[0], pkt[1], pkt[2], pkt[3], pkt[4],
                      pkt[5]);
         return KORVALEN_ERR_NEED_MORE_DATA;
@@ -220,25 +107,8 @@ uint32_t RTP_ParseHeader(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TAB
     }
     info->timestamp = RTP_Be32(pkt + 4);
 
-    switch (info->codecType) {
-    case KORVALEN_CODEC_H264:
-        ParseH264(pkt, len, info);
-        // Parameter sets and SEI never end a frame.
-        if (info->nalType == 6 || info->nalType == 7 || info->nalType == 8) {
-            info->marker = 0;
-        }
-        break;
-    case KORVALEN_CODEC_H265:
-        ParseH265(pkt, len, info);
-        break;
-    case KORVALEN_CODEC_MJPEG:
-        ret = ParseJpeg(pkt, len, info);
-        break;
-    default:
-        info->dataOffset = off;
-        break;
-    }
-    return ret;
+    info->dataOffset = off;
+    return h->parse ? h->parse(pkt, len, info) : KORVALEN_OK;
 }
 
 uint32_t RTP_IsReorderPacket(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TABLE* custom)

@@ -107,13 +107,6 @@ uint32_t RTP_ParseHeader(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TAB
 uint32_t RTP_SpellFrame(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TABLE* custom, const RTP_AAC_CONFIG* aac,
                         RTP_STREAM_INFO* video, RTP_STREAM_INFO* audio, RTP_STREAM_INFO** done = nullptr);
 
-// Per-codec assembly steps, after RTP_ParseHeader.
-uint32_t RTP_SpellFrameH264(const uint8_t* pkt, uint32_t len, RTP_PACKET_INFO* info, RTP_STREAM_INFO* s);
-uint32_t RTP_SpellFrameH265(const uint8_t* pkt, uint32_t len, const RTP_PACKET_INFO* info, RTP_STREAM_INFO* s);
-uint32_t RTP_SpellFrameJPEG(const uint8_t* pkt, uint32_t len, const RTP_PACKET_INFO* info, RTP_STREAM_INFO* s);
-uint32_t RTP_SpellFrameNotH264(const uint8_t* pkt, uint32_t len, const RTP_PACKET_INFO* info, const RTP_AAC_CONFIG* aac,
-                               RTP_STREAM_INFO* s);
-
 // Offset of the payload (after CSRCs and extension), 0 when the packet is
 // too short to hold it.
 uint32_t RTP_PayloadOffset(const uint8_t* pkt, uint32_t len);

@@ -1,6 +1,6 @@
 // JPEG header generation for RTP JPEG frames: quantization tables from Q or
 // from the packet, the standard Huffman tables, optional restart interval.
-#include "net/rtp_jpeg.h"
+#include "rtp/rtp_jpeg.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-#include "net/rtp_sender.h"
+#include "rtp/rtp_sender.h"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "net/rtp.h"
-#include "net/rtp_bytes.h"
+#include "media/rtp_bytes.h"
+#include "rtp/rtp.h"
 
 void RTP_InitSender(RTP_SENDER* s)
 {
