@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "demux/demux_segment.h"
 #include "hls/hls_cache.h"
-#include "hls/hls_demux.h"
 #include "hls/hls_fetch.h"
 #include "log/log.h"
 #include "platform/platform.h"
@@ -141,19 +141,19 @@ bool Push(HlsSource* rec, const uint8_t* data, uint32_t length)
     }
 }
 
-bool DeliverFrame(HlsSource* rec, Pacer* pacer, const HLS_FRAME& f)
+bool DeliverFrame(HlsSource* rec, Pacer* pacer, const FileFrameInfo& f)
 {
-    if (!WaitDue(rec, pacer, f.seconds)) {
+    if (!WaitDue(rec, pacer, static_cast<double>(f.timeStamp) / 90000.0)) {
         return false;
     }
     if (!rec->sink.feed->load()) {
         return true;
     }
     uint8_t head[kRdHdSize] = {'R', 'd', 'H', 'd'};
-    StoreLe32(head + 4, f.codecType);
+    StoreLe32(head + 4, f.payloadType);
     StoreLe32(head + 8, f.frameType);
-    StoreLe32(head + 16, static_cast<uint32_t>(f.timestamp));
-    StoreLe32(head + 20, static_cast<uint32_t>(f.timestamp >> 32));
+    StoreLe32(head + 16, static_cast<uint32_t>(f.timeStamp));
+    StoreLe32(head + 20, static_cast<uint32_t>(f.timeStamp >> 32));
     return Push(rec, head, kRdHdSize) && Push(rec, f.data, f.length);
 }
 
@@ -188,8 +188,8 @@ bool PlaySegment(HlsSource* rec, const HLS_SEGMENT& seg, Pacer* pacer, std::vect
         init->insert(init->end(), bytes->begin(), bytes->end());
         bytes->swap(*init);
     }
-    err = HLS_DemuxSegment(bytes->data(), bytes->size(), &rec->hls.stop,
-                           [&](const HLS_FRAME& f) { return DeliverFrame(rec, pacer, f); });
+    err = DEMUX_Segment(bytes->data(), bytes->size(), &rec->hls.stop,
+                        [&](const FileFrameInfo& f) { return DeliverFrame(rec, pacer, f); });
     if (rec->hls.stop) {
         return false;
     }
@@ -303,7 +303,7 @@ void Close(void* state)
 
 } // namespace
 
-const SOURCE_OPS kHlsSourceOps = {"hls", SOURCE_HLS, Open, nullptr, Stop, Close, nullptr};
+const SOURCE_OPS kHlsSourceOps = {"hls", SOURCE_HLS, Open, nullptr, Stop, Close, nullptr, false};
 
 uint32_t HLSSRC_Update(void* state, const KORVALEN_HLS_PLAY_INFO* info, uint32_t time)
 {

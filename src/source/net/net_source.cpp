@@ -192,7 +192,7 @@ void Stats(void* state, SOURCE_STATS* out)
 
 } // namespace
 
-const SOURCE_OPS kNetSourceOps = {"net", SOURCE_NET_STREAM, Open, Start, Stop, Close, Stats};
+const SOURCE_OPS kNetSourceOps = {"net", SOURCE_NET_STREAM, Open, Start, Stop, Close, Stats, false};
 
 void NETSRC_SetNat(void* state, uint32_t natMode, const char* session)
 {

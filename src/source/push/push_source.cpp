@@ -38,7 +38,7 @@ void Stats(void* state, SOURCE_STATS* out)
 
 } // namespace
 
-const SOURCE_OPS kPushSourceOps = {"push", SOURCE_INPUT_STREAM, Open, nullptr, nullptr, Close, Stats};
+const SOURCE_OPS kPushSourceOps = {"push", SOURCE_INPUT_STREAM, Open, nullptr, nullptr, Close, Stats, false};
 
 uint32_t PUSHSRC_Input(void* state, const uint8_t* data, uint32_t length)
 {

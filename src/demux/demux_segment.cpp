@@ -1,4 +1,4 @@
-#include "hls/hls_demux.h"
+#include "demux/demux_segment.h"
 
 #include <cstring>
 #include <vector>
@@ -10,7 +10,9 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include "demux/ts_parser.h"
 #include "korvalen_types.h"
+#include "media/codec_facts.h"
 
 namespace {
 
@@ -94,11 +96,63 @@ struct Demuxer {
     }
 };
 
+// MPEG-TS through the shared demultiplexer, the segment as one chunk.
+uint32_t SegmentTs(const uint8_t* data, size_t length, const std::atomic<uint32_t>* stop,
+                   const std::function<bool(const FileFrameInfo&)>& onFrame)
+{
+    std::vector<uint8_t> video(kFileFrameBufferSize), audio(kFileTsAudioBufferSize);
+    TS_PARSER p;
+    TS_Reset(&p, video.data(), static_cast<uint32_t>(video.size()), audio.data(), static_cast<uint32_t>(audio.size()));
+    const auto whole = static_cast<uint32_t>(length - length % kTsPacketSize);
+    auto hasVideo = [&] {
+        for (uint32_t i = 0; i < p.count; ++i) {
+            if (Codec_IsVideo(p.streams[i].codecType)) {
+                return true;
+            }
+        }
+        return false;
+    };
+    // The tables come before any frame: a segment without video is refused
+    // before anything of it plays.
+    bool first = true;
+    auto deliver = [&](const TS_FRAME& t) {
+        first = false;
+        const bool isVideo = Codec_IsVideo(t.codecType);
+        return onFrame(FileFrameInfo{t.data, t.length, t.codecType, isVideo ? t.frameType : 0, t.timestamp});
+    };
+    bool more = true;
+    do {
+        if (stop && stop->load()) {
+            return KORVALEN_ERR_THREAD_CREATE;
+        }
+        TS_FRAME f{};
+        if (TS_GetOneFrame(&p, data, whole, &f) == KORVALEN_OK) {
+            if (first && !hasVideo()) {
+                return KORVALEN_ERR_HLS_UNSUPPORTED;
+            }
+            more = deliver(f);
+        }
+    } while (more && p.resume);
+    for (TS_FRAME f{}; more && TS_Flush(&p, &f) == KORVALEN_OK;) {
+        if (first && !hasVideo()) {
+            return KORVALEN_ERR_HLS_UNSUPPORTED;
+        }
+        more = deliver(f);
+    }
+    if (first) {
+        return p.count ? KORVALEN_ERR_HLS_UNSUPPORTED : KORVALEN_ERR_HLS_SEGMENT;
+    }
+    return KORVALEN_OK;
+}
+
 } // namespace
 
-uint32_t HLS_DemuxSegment(const uint8_t* data, size_t length, const std::atomic<uint32_t>* stop,
-                          const std::function<bool(const HLS_FRAME&)>& onFrame)
+uint32_t DEMUX_Segment(const uint8_t* data, size_t length, const std::atomic<uint32_t>* stop,
+                       const std::function<bool(const FileFrameInfo&)>& onFrame)
 {
+    if (length > kTsPacketSize && data[0] == 0x47 && data[kTsPacketSize] == 0x47) {
+        return SegmentTs(data, length, stop, onFrame);
+    }
     MemReader mem{data, length, 0};
     Demuxer d;
     auto* buf = static_cast<uint8_t*>(av_malloc(kIoBuffer));
@@ -154,18 +208,17 @@ uint32_t HLS_DemuxSegment(const uint8_t* data, size_t length, const std::atomic<
     std::vector<uint8_t> adts;
     auto deliver = [&](AVPacket* p, int index) {
         AVStream* st = d.fmt->streams[index];
-        HLS_FRAME f;
+        FileFrameInfo f{};
         const int64_t pts = p->pts != AV_NOPTS_VALUE ? p->pts : p->dts;
-        f.timestamp = pts == AV_NOPTS_VALUE ? 0 : static_cast<uint64_t>(av_rescale_q(pts, st->time_base, {1, 90000}));
-        f.seconds = pts == AV_NOPTS_VALUE ? 0 : pts * av_q2d(st->time_base);
+        f.timeStamp = pts == AV_NOPTS_VALUE ? 0 : static_cast<uint64_t>(av_rescale_q(pts, st->time_base, {1, 90000}));
         if (index == video) {
-            f.codecType = hevc ? KORVALEN_CODEC_H265 : KORVALEN_CODEC_H264;
+            f.payloadType = hevc ? KORVALEN_CODEC_H265 : KORVALEN_CODEC_H264;
             f.frameType = (p->flags & AV_PKT_FLAG_KEY) ? 0 : 1;
             f.data = p->data;
             f.length = static_cast<uint32_t>(p->size);
             return onFrame(f);
         }
-        f.codecType = KORVALEN_CODEC_AAC;
+        f.payloadType = KORVALEN_CODEC_AAC;
         if (p->size >= 2 && p->data[0] == 0xFF && (p->data[1] & 0xF0) == 0xF0) {
             f.data = p->data; // already ADTS (MPEG-TS)
             f.length = static_cast<uint32_t>(p->size);
