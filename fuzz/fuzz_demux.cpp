@@ -1,32 +1,26 @@
-// Shared by the file-reader fuzz targets: the input becomes an in-memory
-// file with a path, opened through the container dispatcher, and every frame
-// is read in each read mode, with seeks between; frames that are chains of
-// length-prefixed units get playback's start-code rewrite.
-#pragma once
-
+// libFuzzer target: arbitrary bytes as a media file (seeds are small MP4 and
+// MPEG-TS files) through the container table: detection, each reader's
+// properties, frame reads in every mode and seeks; and the same bytes as a
+// streaming segment. Everything a file holds is released with it.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "demux/demux.h"
-#include "korvalen_types.h"
-#include "demux/mp4/mp4_reader.h"
+#include "demux/demux_segment.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
 
-inline void FuzzOneFile(const uint8_t* data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static bool heap = QMX_HeapCreate(1) == 0;
     (void)heap;
     int fd = memfd_create("fuzz_file", 0);
-    if (fd < 0) {
-        return;
-    }
-    if (write(fd, data, size) != static_cast<ssize_t>(size)) {
+    if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size)) {
         close(fd);
-        return;
+        return 0;
     }
     const std::string path = "/proc/self/fd/" + std::to_string(fd);
     FileParserInfo info{};
@@ -41,10 +35,6 @@ inline void FuzzOneFile(const uint8_t* data, size_t size)
                 if (err == KORVALEN_OK && (f.length > kFileFrameBufferSize || (f.length && !f.data))) {
                     __builtin_trap();
                 }
-                // Playback's rewrite of length-prefixed H.265 samples.
-                if (err == KORVALEN_OK && f.data == info.frameBuffer && MP4_LengthPrefixed(f.data, f.length)) {
-                    MP4_ToAnnexB(info.frameBuffer, f.length);
-                }
             }
             File_SetPlayTime(&info, mode == 1 ? 0 : mode, 25);
         }
@@ -54,6 +44,14 @@ inline void FuzzOneFile(const uint8_t* data, size_t size)
     File_DestroyFileParser(&info);
     close(fd);
     if (QMX_HeapLiveBytes() != 0) {
-        __builtin_trap(); // everything a file holds is released with it
+        __builtin_trap();
     }
+    size_t frames = 0;
+    DEMUX_Segment(data, size, nullptr, [&](const FileFrameInfo& f) {
+        if (f.length && !f.data) {
+            __builtin_trap();
+        }
+        return ++frames < 10000;
+    });
+    return 0;
 }
