@@ -30,8 +30,11 @@ constexpr uint32_t RTP_FRAME_KEY = 0;
 constexpr uint32_t RTP_FRAME_OTHER = 1;
 constexpr uint32_t RTP_FRAME_AUDIO = 5;
 
+struct RTP_PAYLOAD_HANDLER;
+
 // What the header of one packet says.
 struct RTP_PACKET_INFO {
+    const RTP_PAYLOAD_HANDLER* handler; // the row of its codec
     uint16_t seq;
     uint8_t marker;
     uint8_t payloadType;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "rtp/rtp.h"
 
@@ -46,10 +47,32 @@ const RTP_PAYLOAD_HANDLER* RTP_FindHandler(uint32_t codec);
 
 // Shared steps of the rows.
 
-// Appends unless the frame would reach the buffer's capacity.
-bool RTP_Append(RTP_STREAM_INFO* s, const uint8_t* data, uint32_t n);
+// Appends unless the frame would reach the buffer's capacity. Inline: it
+// runs for every packet.
+inline bool RTP_Append(RTP_STREAM_INFO* s, const uint8_t* data, uint32_t n)
+{
+    if (n >= s->frameCap - s->frameLen) {
+        return false;
+    }
+    if (n) {
+        std::memcpy(s->frame + s->frameLen, data, n);
+        s->frameLen += n;
+    }
+    return true;
+}
+
 // A start code, the unit header (headLen bytes) and the unit's data.
-bool RTP_AppendNal(RTP_STREAM_INFO* s, const uint8_t* head, uint32_t headLen, const uint8_t* data, uint32_t n);
+inline bool RTP_AppendNal(RTP_STREAM_INFO* s, const uint8_t* head, uint32_t headLen, const uint8_t* data, uint32_t n)
+{
+    static constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
+    if (sizeof kStartCode + headLen + n >= s->frameCap - s->frameLen) {
+        return false;
+    }
+    RTP_Append(s, kStartCode, sizeof kStartCode);
+    RTP_Append(s, head, headLen);
+    RTP_Append(s, data, n);
+    return true;
+}
 // A fragment whose frame never began: counted (logged every 20th), 525.
 uint32_t RTP_Lost(RTP_STREAM_INFO* s);
 

@@ -92,6 +92,7 @@ uint32_t RTP_ParseHeader(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TAB
         KORVALEN_LOG(KORVALEN_LOG_WARN, "Unknown Stream type(%d)", info->payloadType);
         return KORVALEN_ERR_UNKNOWN_STREAM;
     }
+    info->handler = h;
     info->marker = pkt[1] >> 7;
 
     if (h->accepts && !h->accepts(pkt[off])) {

@@ -9,45 +9,27 @@
 
 namespace {
 
-const uint8_t kStartCode[4] = {0, 0, 0, 1};
-
 // The payload formats. A new one is a file with its row, and its row here.
 const RTP_PAYLOAD_HANDLER* const kHandlers[] = {&kRtpH264, &kRtpH265, &kRtpJpeg, &kRtpG711U, &kRtpG711A,
                                                 &kRtpMp2,  &kRtpAac,  &kRtpPcm,  &kRtpIva};
+
+// The rows by codec type, for a look-up per packet without a search.
+struct ByCodec {
+    const RTP_PAYLOAD_HANDLER* rows[kRtpCodecSlots] = {};
+    ByCodec()
+    {
+        for (const RTP_PAYLOAD_HANDLER* h : kHandlers) {
+            rows[h->codec] = h;
+        }
+    }
+};
+const ByCodec kByCodec;
 
 } // namespace
 
 const RTP_PAYLOAD_HANDLER* RTP_FindHandler(uint32_t codec)
 {
-    for (const RTP_PAYLOAD_HANDLER* h : kHandlers) {
-        if (h->codec == codec) {
-            return h;
-        }
-    }
-    return nullptr;
-}
-
-bool RTP_Append(RTP_STREAM_INFO* s, const uint8_t* data, uint32_t n)
-{
-    if (n >= s->frameCap - s->frameLen) {
-        return false;
-    }
-    if (n) {
-        std::memcpy(s->frame + s->frameLen, data, n);
-        s->frameLen += n;
-    }
-    return true;
-}
-
-bool RTP_AppendNal(RTP_STREAM_INFO* s, const uint8_t* head, uint32_t headLen, const uint8_t* data, uint32_t n)
-{
-    if (sizeof kStartCode + headLen + n >= s->frameCap - s->frameLen) {
-        return false;
-    }
-    RTP_Append(s, kStartCode, sizeof kStartCode);
-    RTP_Append(s, head, headLen);
-    RTP_Append(s, data, n);
-    return true;
+    return codec < kRtpCodecSlots ? kByCodec.rows[codec] : nullptr;
 }
 
 uint32_t RTP_Lost(RTP_STREAM_INFO* s)
@@ -82,7 +64,7 @@ uint32_t RTP_SpellFrame(const uint8_t* pkt, uint32_t len, const RTP_PAYLOAD_TABL
         s->frameLen = 0;
         return ret;
     }
-    const RTP_PAYLOAD_HANDLER* h = RTP_FindHandler(info.codecType); // the header parse found it
+    const RTP_PAYLOAD_HANDLER* h = info.handler; // the header parse found it
     ret = h->assemble(pkt, len, &info, aac, s);
     if (ret != KORVALEN_OK) {
         s->frameLen = 0; // a broken frame is never handed on
