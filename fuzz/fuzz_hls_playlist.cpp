@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "hls/hls_playlist.h"
+#include "source/hls/hls_playlist.h"
 #include "korvalen_types.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

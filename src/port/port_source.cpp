@@ -2,11 +2,11 @@
 // inner functions of the live network and pushed sources.
 #include "port/port_source.h"
 
-#include "hls/hls_port.h"
 #include "log/log.h"
 #include "pipeline/stream_decode.h"
 #include "port/player_api.h"
 #include "port/port_table.h"
+#include "source/hls/hls_source.h"
 #include "source/net/net_source.h"
 #include "source/push/push_source.h"
 

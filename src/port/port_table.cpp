@@ -7,12 +7,12 @@
 #include "audio/audio_port.h"
 #include "codec/code_manager.h"
 #include "heap/qmx_heap.h"
-#include "hls/hls_cache.h"
 #include "log/log.h"
 #include "pipeline/player_gpu.h"
 #include "port/player_api.h"
 #include "port/port_source.h"
 #include "report/report.h"
+#include "source/hls/hls_cache.h"
 
 namespace {
 

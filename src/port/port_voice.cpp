@@ -24,15 +24,6 @@ constexpr uint32_t kCaptureBits = 16;
 
 std::mutex g_buildLock; // building and freeing the shared broadcast state
 
-PortRecord* PortOrLog(uint32_t port)
-{
-    PortRecord* rec = Player_GetPort(port);
-    if (!rec) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Get port[%03d] fail", port);
-    }
-    return rec;
-}
-
 // The shared capture goes first and outside the broadcast lock: its thread
 // takes that lock for every block.
 void FreeSharedLocked(VOICE_BROADCAST& b)
@@ -247,170 +238,158 @@ uint32_t JoinBroadcast(PortRecord* rec, uint32_t codecType, uint32_t blockSize, 
 
 uint32_t Player_SetVoiceEncodeType(uint32_t port, uint32_t encodeType, uint32_t sampleRate, uint32_t channels)
 {
-    PortRecord* rec = PortOrLog(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    if (encodeType != 0 && encodeType != 2 && encodeType != 4) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_SetVoiceEncodeType fail, unknown enc type(%d)", port,
-                     encodeType);
-        return KORVALEN_ERR_NOT_SUPPORTED;
-    }
-    if (sampleRate != 0 && sampleRate != 1) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_SetVoiceEncodeType fail, unknown Sample Rate(%d)", port,
-                     sampleRate);
-        return KORVALEN_ERR_NOT_SUPPORTED;
-    }
-    if (channels != 1) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_SetVoiceEncodeType fail, unknown Channels(%d)", port,
-                     channels);
-        return KORVALEN_ERR_NOT_SUPPORTED;
-    }
-    rec->voice.encodeType = encodeType;
-    rec->voice.rateIndex = sampleRate;
-    rec->voice.channels = channels;
-    return KORVALEN_OK;
+    return Player_OnPortOrLog(port, [&](PortRecord& rec) {
+        if (encodeType != 0 && encodeType != 2 && encodeType != 4) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_SetVoiceEncodeType fail, unknown enc type(%d)", port,
+                         encodeType);
+            return KORVALEN_ERR_NOT_SUPPORTED;
+        }
+        if (sampleRate != 0 && sampleRate != 1) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_SetVoiceEncodeType fail, unknown Sample Rate(%d)", port,
+                         sampleRate);
+            return KORVALEN_ERR_NOT_SUPPORTED;
+        }
+        if (channels != 1) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_SetVoiceEncodeType fail, unknown Channels(%d)", port,
+                         channels);
+            return KORVALEN_ERR_NOT_SUPPORTED;
+        }
+        rec.voice.encodeType = encodeType;
+        rec.voice.rateIndex = sampleRate;
+        rec.voice.channels = channels;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_OpenVoiceSvc(uint32_t port, uint32_t mode, uint32_t socket, const char* localIp, uint16_t localPort,
                              const char* remoteIp, uint16_t remotePort, uint32_t protocol)
 {
-    PortRecord* rec = PortOrLog(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    PortVoice& v = rec->voice;
-    if (v.open || rec->sourceKind != SOURCE_NONE) {
-        return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
-    }
-    v.port = port;
-    uint32_t codecType = KORVALEN_CODEC_NONE;
-    uint32_t blockSize = 0;
-    if (!Voice_EncodeFormat(v.encodeType, &codecType, &blockSize)) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, AudioEncType unknow(%d), ", port,
-                     v.encodeType);
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
-    if (mode > kModeTalkMic) {
-        blockSize = 0;
-    }
-    VOICE_BROADCAST& b = Voice_Broadcast();
-    if (mode == kModeBroadcastFed || mode == kModeBroadcastMic) {
-        if (++b.count > static_cast<int32_t>(kBroadcastPorts)) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, Broadcast Port not enough", port);
-            --b.count;
-            return KORVALEN_ERR_PORT_NOT_ENOUGH;
+    return Player_OnPortOrLog(port, [&](PortRecord& rec) {
+        PortVoice& v = rec.voice;
+        if (v.open || rec.sourceKind != SOURCE_NONE) {
+            return KORVALEN_ERR_NOT_SUPPORTED; // one source at a time
         }
-        v.broadcaster = 1;
-    }
-    uint32_t err = OpenTransport(rec, socket, localIp, localPort, remoteIp, remotePort, protocol);
-    bool leaveAsIs = false;
-    if (err == KORVALEN_OK && (mode == kModeBroadcastFed || mode == kModeTalkFed || mode == kModeTalkMic)) {
-        err = OpenSender(rec, codecType, protocol);
-    }
-    if (err == KORVALEN_OK && mode == kModeTalkMic) {
-        v.capture = Audio_CreateCaptureDec(blockSize, kCaptureBits, v.rateIndex, AUDIO_CAPTURE_AEC, port);
-        if (!v.capture) {
-            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, Audio_CreateCaptureDec fail", port);
-            err = KORVALEN_ERR_AUDIO_DEVICE;
-        } else {
-            err = Audio_SetCaptureCallBack(v.capture, &Player_SendVoice, &v);
-            if (err != KORVALEN_OK) {
-                KORVALEN_LOG(KORVALEN_LOG_ERROR,
-                             "Port[%03d] Player_OpenVoiceSvc fail, Audio_SetCaptureCallBack fail, error(0x%x)", port,
-                             err);
+        v.port = port;
+        uint32_t codecType = KORVALEN_CODEC_NONE;
+        uint32_t blockSize = 0;
+        if (!Voice_EncodeFormat(v.encodeType, &codecType, &blockSize)) {
+            KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, AudioEncType unknow(%d), ", port,
+                         v.encodeType);
+            return KORVALEN_ERR_INVALID_PARAM;
+        }
+        if (mode > kModeTalkMic) {
+            blockSize = 0;
+        }
+        VOICE_BROADCAST& b = Voice_Broadcast();
+        if (mode == kModeBroadcastFed || mode == kModeBroadcastMic) {
+            if (++b.count > static_cast<int32_t>(kBroadcastPorts)) {
+                KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, Broadcast Port not enough",
+                             port);
+                --b.count;
+                return KORVALEN_ERR_PORT_NOT_ENOUGH;
+            }
+            v.broadcaster = 1;
+        }
+        uint32_t err = OpenTransport(&rec, socket, localIp, localPort, remoteIp, remotePort, protocol);
+        bool leaveAsIs = false;
+        if (err == KORVALEN_OK && (mode == kModeBroadcastFed || mode == kModeTalkFed || mode == kModeTalkMic)) {
+            err = OpenSender(&rec, codecType, protocol);
+        }
+        if (err == KORVALEN_OK && mode == kModeTalkMic) {
+            v.capture = Audio_CreateCaptureDec(blockSize, kCaptureBits, v.rateIndex, AUDIO_CAPTURE_AEC, port);
+            if (!v.capture) {
+                KORVALEN_LOG(KORVALEN_LOG_ERROR, "Port[%03d] Player_OpenVoiceSvc fail, Audio_CreateCaptureDec fail",
+                             port);
+                err = KORVALEN_ERR_AUDIO_DEVICE;
+            } else {
+                err = Audio_SetCaptureCallBack(v.capture, &Player_SendVoice, &v);
+                if (err != KORVALEN_OK) {
+                    KORVALEN_LOG(KORVALEN_LOG_ERROR,
+                                 "Port[%03d] Player_OpenVoiceSvc fail, Audio_SetCaptureCallBack fail, error(0x%x)",
+                                 port, err);
+                }
             }
         }
-    }
-    if (err == KORVALEN_OK && mode == kModeBroadcastMic) {
-        err = JoinBroadcast(rec, codecType, blockSize, protocol, &leaveAsIs);
-    }
-    if (err != KORVALEN_OK && !leaveAsIs) {
-        ReleaseVoice(rec);
+        if (err == KORVALEN_OK && mode == kModeBroadcastMic) {
+            err = JoinBroadcast(&rec, codecType, blockSize, protocol, &leaveAsIs);
+        }
+        if (err != KORVALEN_OK && !leaveAsIs) {
+            ReleaseVoice(&rec);
+            return err;
+        }
+        v.open = 1;
+        v.mode = mode;
+        v.protocol = protocol;
+        rec.sourceKind = SOURCE_VOICE;
         return err;
-    }
-    v.open = 1;
-    v.mode = mode;
-    v.protocol = protocol;
-    rec->sourceKind = SOURCE_VOICE;
-    return err;
+    });
 }
 
 uint32_t Player_CloseVoiceSvc(uint32_t port)
 {
-    PortRecord* rec = PortOrLog(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    if (rec->voice.open) {
-        ReleaseVoice(rec);
-    }
-    return KORVALEN_OK;
+    return Player_OnPortOrLog(port, [&](PortRecord& rec) {
+        if (rec.voice.open) {
+            ReleaseVoice(&rec);
+        }
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_SetMicVolume(uint32_t port, uint32_t volume)
 {
-    PortRecord* rec = PortOrLog(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    PortVoice& v = rec->voice;
-    v.micVolume = volume;
-    VOICE_BROADCAST& b = Voice_Broadcast();
-    std::lock_guard<std::mutex> build(g_buildLock); // the shared capture stays while it is used
-    CMicCapture* capture = (v.bcRunning == 1 && !v.capture && b.capture) ? b.capture : v.capture;
-    return Audio_SetMicVolume(capture, volume);
+    return Player_OnPortOrLog(port, [&](PortRecord& rec) {
+        PortVoice& v = rec.voice;
+        v.micVolume = volume;
+        VOICE_BROADCAST& b = Voice_Broadcast();
+        std::lock_guard<std::mutex> build(g_buildLock); // the shared capture stays while it is used
+        CMicCapture* capture = (v.bcRunning == 1 && !v.capture && b.capture) ? b.capture : v.capture;
+        return Audio_SetMicVolume(capture, volume);
+    });
 }
 
 uint32_t Player_GetMicVolume(uint32_t port, uint32_t* volume)
 {
-    if (!PortOrLog(port)) {
-        return KORVALEN_ERR_PORT;
-    }
-    return Audio_GetMicVolume(volume);
+    return Player_OnPortOrLog(port, [&](PortRecord&) { return Audio_GetMicVolume(volume); });
 }
 
 uint32_t Player_SetMicQuietStatus(uint32_t port, uint32_t quiet)
 {
-    PortRecord* rec = PortOrLog(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    PortVoice& v = rec->voice;
-    VOICE_BROADCAST& b = Voice_Broadcast();
-    std::lock_guard<std::mutex> build(g_buildLock);
-    CMicCapture* capture = (v.bcRunning == 1 && !v.capture && b.capture) ? b.capture : v.capture;
-    uint32_t err = KORVALEN_OK;
-    if (quiet) {
-        uint32_t current = 0;
-        err = Audio_GetMicVolume(&current);
+    return Player_OnPortOrLog(port, [&](PortRecord& rec) {
+        PortVoice& v = rec.voice;
+        VOICE_BROADCAST& b = Voice_Broadcast();
+        std::lock_guard<std::mutex> build(g_buildLock);
+        CMicCapture* capture = (v.bcRunning == 1 && !v.capture && b.capture) ? b.capture : v.capture;
+        uint32_t err = KORVALEN_OK;
+        if (quiet) {
+            uint32_t current = 0;
+            err = Audio_GetMicVolume(&current);
+            if (err != KORVALEN_OK) {
+                KORVALEN_LOG(KORVALEN_LOG_ERROR,
+                             "Port[%03d] Player_SetMicQuietStatus fail, Audio_GetMicVolume fail, error(0x%x)", port,
+                             err);
+            } else {
+                v.micVolume = current;
+            }
+            err = Audio_SetMicVolume(capture, 0);
+        } else {
+            err = Audio_SetMicVolume(capture, v.micVolume);
+        }
         if (err != KORVALEN_OK) {
             KORVALEN_LOG(KORVALEN_LOG_ERROR,
-                         "Port[%03d] Player_SetMicQuietStatus fail, Audio_GetMicVolume fail, error(0x%x)", port, err);
-        } else {
-            v.micVolume = current;
+                         "Port[%03d] Player_SetMicQuietStatus fail, Audio_SetMicVolume fail, error(0x%x)", port, err);
+            return err;
         }
-        err = Audio_SetMicVolume(capture, 0);
-    } else {
-        err = Audio_SetMicVolume(capture, v.micVolume);
-    }
-    if (err != KORVALEN_OK) {
-        KORVALEN_LOG(KORVALEN_LOG_ERROR,
-                     "Port[%03d] Player_SetMicQuietStatus fail, Audio_SetMicVolume fail, error(0x%x)", port, err);
-        return err;
-    }
-    v.micMuted = quiet;
-    return KORVALEN_OK;
+        v.micMuted = quiet;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_GetMicQuietStatus(uint32_t port, uint32_t* quiet)
 {
-    PortRecord* rec = PortOrLog(port);
-    if (!rec) {
-        return KORVALEN_ERR_PORT;
-    }
-    *quiet = rec->voice.micMuted;
-    return KORVALEN_OK;
+    return Player_OnPortOrLog(port, [&](PortRecord& rec) {
+        *quiet = rec.voice.micMuted;
+        return KORVALEN_OK;
+    });
 }
 
 uint32_t Player_VoiceInputData(uint32_t port, const uint8_t* data, uint32_t length)

@@ -1,6 +1,6 @@
 // Exported source functions: live network stream, pushed stream, media file
 // and HLS.
-#include "hls/hls_port.h"
+#include "source/hls/hls_source.h"
 #include "korvalen.h"
 #include "net/net_socket.h"
 #include "port/player_api.h"

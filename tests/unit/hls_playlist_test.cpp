@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "hls/hls_cache.h"
-#include "hls/hls_playlist.h"
+#include "source/hls/hls_cache.h"
+#include "source/hls/hls_playlist.h"
 #include "korvalen_types.h"
 #include "test_env.h"
 

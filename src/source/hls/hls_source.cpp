@@ -1,5 +1,5 @@
 // The HLS calls of a port and its fetch thread.
-#include "hls/hls_port.h"
+#include "source/hls/hls_source.h"
 
 #include "heap/qmx_heap.h"
 
@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "demux/demux_segment.h"
-#include "hls/hls_cache.h"
-#include "hls/hls_fetch.h"
 #include "log/log.h"
 #include "platform/platform.h"
 #include "report/report.h"
+#include "source/hls/hls_cache.h"
+#include "source/hls/hls_fetch.h"
 
 namespace {
 

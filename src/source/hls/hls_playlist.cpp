@@ -1,4 +1,4 @@
-#include "hls/hls_playlist.h"
+#include "source/hls/hls_playlist.h"
 
 #include <cmath>
 #include <cstdlib>

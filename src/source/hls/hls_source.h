@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "hls/hls_playlist.h"
 #include "korvalen_types.h"
+#include "source/hls/hls_playlist.h"
 #include "source/source.h"
 
 // Run-message type of HLS fetch problems (code: the HLS error, value: the

@@ -1,4 +1,4 @@
-#include "hls/hls_fetch.h"
+#include "source/hls/hls_fetch.h"
 
 #include <cerrno>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "hls/hls_cache.h"
+#include "source/hls/hls_cache.h"
 
 #include <cstdio>
 #include <dirent.h>
