@@ -33,8 +33,10 @@ uint32_t RenderInterval(const Pipeline* rec)
     if (rec->sourceKind == SOURCE_MEDIA_FILE && pb.fileFrameRate) {
         return static_cast<uint32_t>(1000.0f * rec->speedFactor / static_cast<float>(pb.fileFrameRate));
     }
-    if ((rec->sourceKind == SOURCE_INPUT_STREAM || rec->sourceKind == SOURCE_NET_STREAM) && pb.videoCodec >= 3 &&
-        pb.videoCodec <= 6 && pb.frameRate) {
+    // Live H.264 and JPEG follow the stream's rate; H.265 keeps the measured
+    // frame interval.
+    const bool rated = pb.videoCodec == KORVALEN_CODEC_H264 || pb.videoCodec == KORVALEN_CODEC_MJPEG;
+    if ((rec->sourceKind == SOURCE_INPUT_STREAM || rec->sourceKind == SOURCE_NET_STREAM) && rated && pb.frameRate) {
         auto i = static_cast<uint32_t>(1000.0f * rec->speedFactor / static_cast<float>(pb.frameRate));
         return i < kMinInterval ? kMinInterval : i;
     }

@@ -10,7 +10,6 @@
 namespace {
 
 constexpr uint32_t kMaxSpeedCode = 35;
-constexpr uint32_t kVideoDecoderMjpeg = 4;
 
 void* FileOf(PortRecord* rec)
 {
@@ -92,7 +91,7 @@ uint32_t Player_SpeedPlay(uint32_t port, uint32_t speed)
     }
     const float streamRate = static_cast<float>(rec->playback.frameRate.load());
     const float playRate = static_cast<float>(rec->playback.fileFrameRate.load());
-    const uint32_t slow = file && rec->playback.videoCodec != kVideoDecoderMjpeg ? 4 : 1;
+    const uint32_t slow = file && rec->playback.videoCodec != KORVALEN_CODEC_MJPEG ? 4 : 1;
     uint32_t ctrl = 0;
     float factor = 0;
     switch (speed) {

@@ -154,5 +154,5 @@ uint32_t RTP_TypeToRtpPayload(uint32_t codecType, uint8_t* payloadType)
 
 bool RTP_IsVideoPayload(uint8_t payloadType)
 {
-    return payloadType == 105 || payloadType == 108 || payloadType == 26;
+    return Codec_IsVideo(Codec_FromPayloadType(payloadType));
 }
