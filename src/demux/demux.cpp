@@ -124,29 +124,6 @@ void File_DestroyFileParser(FileParserInfo* info)
     std::memset(static_cast<void*>(info), 0, sizeof *info);
 }
 
-uint32_t File_CreateTsParser(const char* name, FileParserInfo* info)
-{
-    if (!info) {
-        return KORVALEN_ERR_INVALID_PARAM;
-    }
-    std::memset(static_cast<void*>(info), 0, sizeof *info);
-    uint32_t err = KORVALEN_OK;
-    info->file = QMX_FileOpen(name, "rb", &err);
-    if (!info->file) {
-        return KORVALEN_ERR_FILE_OPEN;
-    }
-    err = File_GetTsProperty(info);
-    if (err != KORVALEN_OK) {
-        File_DestroyTsParser(info);
-    }
-    return err;
-}
-
-void File_DestroyTsParser(FileParserInfo* info)
-{
-    File_DestroyFileParser(info); // it holds only the stream
-}
-
 uint32_t File_GetFileProperty(FileParserInfo* info)
 {
     if (!info || !info->ops) {

@@ -92,8 +92,6 @@ enum FileReadMode : uint32_t {
 
 uint32_t File_CreateFileParser(const char* name, FileParserInfo* info);
 void File_DestroyFileParser(FileParserInfo* info);
-uint32_t File_CreateTsParser(const char* name, FileParserInfo* info);
-void File_DestroyTsParser(FileParserInfo* info);
 uint32_t File_GetFileProperty(FileParserInfo* info);
 uint32_t File_ReadOneFrame(FileParserInfo* info, FileFrameInfo* frame, uint32_t readMode);
 uint32_t File_SetPlayTime(FileParserInfo* info, uint32_t seconds, uint32_t framesPerSecond);
