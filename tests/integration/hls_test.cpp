@@ -47,7 +47,7 @@ struct WebServer {
     {
         port = FreeLoopbackPort(SOCK_STREAM);
         const std::string script = root + "/server.py", p = std::to_string(port);
-        const std::string cert = FixturePath("source/hls/cert.pem"), key = FixturePath("source/hls/key.pem");
+        const std::string cert = FixturePath("hls/cert.pem"), key = FixturePath("hls/key.pem");
         pid = fork();
         if (pid == 0) {
             execlp("python3", "python3", script.c_str(), p.c_str(), root.c_str(), tls ? cert.c_str() : nullptr,
@@ -150,7 +150,7 @@ protected:
     static void CopySegments(const std::string& name)
     {
         const std::string dir = root + "/" + name;
-        ASSERT_EQ(std::system(("rm -rf " + dir + " && cp -r " + FixturePath("source/hls/ts") + " " + dir).c_str()), 0);
+        ASSERT_EQ(std::system(("rm -rf " + dir + " && cp -r " + FixturePath("hls/ts") + " " + dir).c_str()), 0);
     }
 
     static inline std::string root;
