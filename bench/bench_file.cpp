@@ -17,8 +17,8 @@
 
 #include "bench_util.h"
 #include "demux/demux.h"
-#include "korvalen_types.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
 
 #ifndef KORVALEN_FIXTURES
 #define KORVALEN_FIXTURES "build/fixtures"

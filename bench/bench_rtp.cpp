@@ -19,8 +19,8 @@
 #include <unistd.h>
 
 #include "net/net_socket.h"
-#include "rtp/rtp.h"
 #include "platform/platform.h"
+#include "rtp/rtp.h"
 
 namespace {
 

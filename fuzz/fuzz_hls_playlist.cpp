@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "source/hls/hls_playlist.h"
 #include "korvalen_types.h"
+#include "source/hls/hls_playlist.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "korvalen_types.h"
 #include "heap/qmx_heap.h"
-#include "port/port.h"
+#include "korvalen_types.h"
 #include "pipeline/stream_decode.h"
+#include "port/port.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

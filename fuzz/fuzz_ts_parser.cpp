@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "korvalen_types.h"
 #include "demux/ts_parser.h"
+#include "korvalen_types.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

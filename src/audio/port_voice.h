@@ -11,8 +11,8 @@
 #include "audio/mic_capture.h"
 #include "codec/code_types.h"
 #include "net/net_socket.h"
-#include "rtp/rtp_sender.h"
 #include "queue/queue_packet.h"
+#include "rtp/rtp_sender.h"
 
 constexpr uint32_t kVoiceSendBufSize = 1500;
 constexpr uint32_t kVoiceFrameHeader = 4; // "$", channel, 16-bit length

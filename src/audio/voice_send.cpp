@@ -12,8 +12,8 @@
 #include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "rtp/rtp.h"
 #include "media/rtp_bytes.h"
+#include "rtp/rtp.h"
 
 namespace {
 

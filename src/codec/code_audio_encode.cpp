@@ -10,9 +10,9 @@ extern "C" {
 
 #include "codec/code_internal.h"
 #include "codec/g711.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -12,9 +12,9 @@ extern "C" {
 #include "codec/code_internal.h"
 #include "codec/code_manager.h"
 #include "codec/code_video_decoder.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

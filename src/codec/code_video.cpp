@@ -13,9 +13,9 @@ extern "C" {
 #include "codec/code_internal.h"
 #include "codec/code_sps_probe.h"
 #include "codec/code_video_decoder.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

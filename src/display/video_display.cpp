@@ -5,8 +5,8 @@
 #include "display/offscreen_display.h"
 #include "display/x11_connection.h"
 #include "display/x11_display.h"
-#include "log/log.h"
 #include "heap/qmx_heap.h"
+#include "log/log.h"
 #include "queue/queue_picture.h"
 
 namespace {

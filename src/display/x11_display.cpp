@@ -10,8 +10,8 @@
 #include <X11/extensions/XShm.h>
 
 #include "display/x11_connection.h"
-#include "log/log.h"
 #include "heap/qmx_heap.h"
+#include "log/log.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstring>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
 #include "media/codec_facts.h"
 #include "media/rtp_payload.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 
 #include <cstring>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

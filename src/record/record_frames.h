@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "rtp/rtp.h"
 #include "demux/flv_parser.h"
 #include "demux/ts_parser.h"
+#include "rtp/rtp.h"
 
 struct REC_FRAME {
     const uint8_t* data;

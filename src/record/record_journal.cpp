@@ -12,10 +12,10 @@
 #include <unistd.h>
 
 #include "demux/avi/avi_file.h"
+#include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "demux/mp4/mp4_reader.h"
 
 namespace {
 

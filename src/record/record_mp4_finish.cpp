@@ -13,10 +13,10 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "demux/mp4/mp4_reader.h"
 #include "record/record_journal.h"
 #include "record/record_mux_av.h"
 

@@ -7,10 +7,10 @@
 #include "codec/code_sps_probe.h"
 #include "heap/qmx_heap.h"
 #include "log/log.h"
-#include "rtp/rtp.h"
 #include "platform/platform.h"
 #include "record/record.h"
 #include "record/record_mux.h"
+#include "rtp/rtp.h"
 
 namespace {
 

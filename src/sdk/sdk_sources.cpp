@@ -1,10 +1,10 @@
 // Exported source functions: live network stream, pushed stream, media file
 // and HLS.
-#include "source/hls/hls_source.h"
 #include "korvalen.h"
 #include "net/net_socket.h"
 #include "port/player_api.h"
 #include "sdk/sdk_frame.h"
+#include "source/hls/hls_source.h"
 
 extern "C" {
 

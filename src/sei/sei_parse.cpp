@@ -3,9 +3,9 @@
 
 #include <initializer_list>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

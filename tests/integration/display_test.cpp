@@ -12,9 +12,9 @@
 #include <X11/Xutil.h>
 
 #include "display/video_display.h"
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "port/port.h"
 #include "port/port_table.h"
 #include "queue/queue_picture.h"

@@ -6,8 +6,8 @@
 
 #include "../unit/codec_media.h"
 #include "decoded_pictures.h"
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "x_window.h"
 
 TEST(GpuSwitch, AnswersAgreeAndPortsDecodeEitherWay)

@@ -16,8 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "decoded_pictures.h"
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "port_fixture.h"
 #include "run_messages.h"
 #include "test_env.h"

@@ -11,8 +11,8 @@
 #include <sstream>
 
 #include "../unit/codec_media.h"
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "port_fixture.h"
 #include "sei_writer.h"
 #include "stream_feeder.h"

@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log/log_file.h"
-#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 namespace {

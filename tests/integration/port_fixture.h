@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "wait_until.h"
 
 struct PortFixture : ::testing::Test {

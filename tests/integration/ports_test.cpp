@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "port/port_table.h"
 
 namespace {

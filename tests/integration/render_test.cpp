@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "port/port.h"
 #include "port/port_table.h"
 #include "port_fixture.h"

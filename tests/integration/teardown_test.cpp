@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "../unit/codec_media.h"
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "wait_until.h"
 
 namespace {

@@ -13,9 +13,9 @@
 
 #include "audio/voice_internal.h"
 #include "codec/g711.h"
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "port_fixture.h"
 #include "voice_device.h"
 #include "wait_until.h"

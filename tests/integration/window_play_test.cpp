@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "../unit/codec_media.h"
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "stream_feeder.h"
 #include "x_window.h"
 

@@ -13,8 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "../unit/codec_media.h"
-#include "korvalen.h"
 #include "heap/qmx_heap.h"
+#include "korvalen.h"
 #include "pulse_server.h"
 #include "test_env.h"
 

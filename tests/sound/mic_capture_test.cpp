@@ -16,9 +16,9 @@
 #include "audio/aec_capture.h"
 #include "audio/mic_capture.h"
 #include "audio/pulse_capture.h"
+#include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "pulse_server.h"
 #include "test_env.h"
 

@@ -9,10 +9,10 @@
 
 #include <gtest/gtest.h>
 
-#include "demux/avi/avi.h"
 #include "codec_media.h"
-#include "log_capture.h"
+#include "demux/avi/avi.h"
 #include "heap/qmx_heap.h"
+#include "log_capture.h"
 #include "test_env.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include "codec/code_manager.h"
 #include "codec/g711.h"
 #include "codec_media.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 namespace {

@@ -12,9 +12,9 @@
 #include "codec/code_internal.h"
 #include "codec/code_manager.h"
 #include "codec_media.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "test_env.h"
 
 #if defined(__SANITIZE_THREAD__)

@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 
 #include "demux/demux.h"
-#include "korvalen_types.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
 #include "test_env.h"
 
 // A dispatcher record on a fresh heap; everything must be released after.

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
 #include "heap/qmx_heap.h"
+#include "log_capture.h"
 
 TEST(Heap, CountsLiveBytesAndFailsTheRequestedAllocation)
 {

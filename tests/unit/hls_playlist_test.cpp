@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "korvalen_types.h"
 #include "source/hls/hls_cache.h"
 #include "source/hls/hls_playlist.h"
-#include "korvalen_types.h"
 #include "test_env.h"
 
 namespace {

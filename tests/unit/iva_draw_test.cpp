@@ -5,11 +5,11 @@
 #include <cairo.h>
 #include <vector>
 
+#include "heap/qmx_heap.h"
 #include "iva/iva_draw.h"
 #include "iva/iva_store.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "sei/sei_parse.h"
 #include "sei_writer.h"
 

@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
-#include "heap/qmx_heap.h"
 #include "queue/queue_picture.h"
 
 namespace {

@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log_capture.h"
 #include "media/rtp_payload.h"
-#include "heap/qmx_heap.h"
 #include "queue/queue_packet.h"
 #include "queue/queue_reorder.h"
 

@@ -23,8 +23,8 @@
 
 #include "codec_media.h"
 #include "net/net_socket.h"
-#include "rtp/rtp.h"
 #include "platform/platform.h"
+#include "rtp/rtp.h"
 #include "test_env.h"
 
 namespace rtp_peer {

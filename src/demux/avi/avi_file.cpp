@@ -9,8 +9,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "korvalen_types.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 // "moov" so that no read can leave its box.
 #include <cstring>
 
+#include "demux/mp4/mp4_reader.h"
 #include "fileio/qmx_file.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "demux/mp4/mp4_reader.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 // the tracks' next chunk offsets ("stsc" is not used).
 #include <cstring>
 
-#include "korvalen_types.h"
-#include "log/log.h"
 #include "demux/mp4/mp4_reader.h"
 #include "heap/qmx_heap.h"
+#include "korvalen_types.h"
+#include "log/log.h"
 
 namespace {
 

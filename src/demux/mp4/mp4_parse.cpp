@@ -3,11 +3,11 @@
 #include <cstring>
 #include <new>
 
+#include "demux/mp4/mp4_reader.h"
 #include "fileio/qmx_file.h"
+#include "heap/qmx_heap.h"
 #include "korvalen_types.h"
 #include "log/log.h"
-#include "demux/mp4/mp4_reader.h"
-#include "heap/qmx_heap.h"
 
 namespace {
 
