@@ -1,5 +1,5 @@
-// MPEG-TS files through the container dispatcher: length and start from
-// the PCRs, every frame of both codecs decoding like ffmpeg, seeking by PCR,
+// MPEG-TS files through the container dispatcher, beyond the contract every
+// reader keeps: length and start from the PCRs, the sound, seeking by PCR,
 // and cut files.
 #include <algorithm>
 
@@ -21,7 +21,9 @@ Bytes FfmpegAudio(const std::string& path, const char* format)
 
 } // namespace
 
-TEST_F(TsTest, PropertiesFramesAndPicturesOfBothCodecs)
+// What the contract leaves to MPEG-TS: the PCR properties, and the sound as
+// ffmpeg copies it out.
+TEST_F(TsTest, PcrPropertiesAndSoundOfBothCodecs)
 {
     struct Case {
         const char* name;
@@ -34,40 +36,17 @@ TEST_F(TsTest, PropertiesFramesAndPicturesOfBothCodecs)
         std::string path = FixturePath(c.name);
         REQUIRE_FIXTURE(path);
         ASSERT_EQ(Open(path), 0u);
-        EXPECT_EQ(info.ops, &kDemuxTs);
         EXPECT_NE(info.pcrPid, 0u);
         EXPECT_EQ(info.fileLength, LoadFile(path).size());
         EXPECT_GT(info.startTime, 0u);
-        // Three seconds of video; the PCRs span a little less.
-        EXPECT_GE(info.totalTime, 2u);
-        EXPECT_LE(info.totalTime, 3u);
-        EXPECT_GT(info.iFrameInterval, 500.0f);
-        EXPECT_LT(info.iFrameInterval, 1500.0f);
-
-        uint32_t last = 0;
-        auto all = ReadAllFrames(&info, FILE_READ_NORMAL, &last);
-        EXPECT_EQ(last, KORVALEN_ERR_FILE_END);
-        std::vector<ReadFrame> video;
         Bytes audio; // MP2 comes a PES at a time, AAC an ADTS frame at a time
-        for (const auto& f : all) {
-            if (f.payloadType == c.video) {
-                video.push_back(f);
-            } else {
+        for (const auto& f : ReadAllFrames(&info, FILE_READ_NORMAL)) {
+            if (f.payloadType != c.video) {
                 EXPECT_EQ(f.payloadType, c.audio);
                 audio.insert(audio.end(), f.data.begin(), f.data.end());
             }
         }
-        ASSERT_EQ(video.size(), 75u);
-        EXPECT_EQ(video[0].frameType, 0u);
-        EXPECT_EQ(std::count_if(video.begin(), video.end(), [](const ReadFrame& f) { return f.frameType == 0; }), 3);
         EXPECT_TRUE(audio == FfmpegAudio(path, c.audioFormat)) << "audio differs from the stream ffmpeg copies";
-        EXPECT_EQ(DecodeFrames(video, c.video), FfmpegFrameMd5(path, "", "-map 0:v"));
-
-        // Video-only reading after a rewind gives the same frames.
-        ASSERT_EQ(File_SetPlayTime(&info, 0, 25), 0u);
-        auto again = ReadAllFrames(&info, FILE_READ_STEP);
-        ASSERT_EQ(again.size(), video.size());
-        EXPECT_EQ(again.back().data, video.back().data);
         File_DestroyFileParser(&info);
     }
 }
