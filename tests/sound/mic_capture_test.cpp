@@ -19,7 +19,7 @@
 #include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "pulse_server.h"
+#include "sound_fixture.h"
 #include "test_env.h"
 
 namespace {
@@ -75,33 +75,10 @@ struct CaptureDeleter {
 };
 using Capture = std::unique_ptr<CMicCapture, CaptureDeleter>;
 
-struct MicCaptureTest : ::testing::Test {
-    PulseServer server;
+struct MicCaptureTest : SoundFixture {
     ToneMicrophone mic;
-    LogCapture log;
 
-    void SetUp() override
-    {
-        if (!server.Start(TestHome() + "/pulse")) {
-            GTEST_SKIP() << "pulseaudio cannot run here";
-        }
-        ASSERT_TRUE(mic.Start(server, kToneHz));
-        ASSERT_EQ(Korvalen_Init(), 1);
-    }
-    void TearDown() override
-    {
-        if (HasFailure()) {
-            for (const auto& l : log.Lines()) {
-                if (l.level >= KORVALEN_LOG_WARN) {
-                    std::fprintf(stderr, "log: %s\n", l.text.c_str());
-                }
-            }
-        }
-        if (Korvalen_GetInitCount() > 0) {
-            Korvalen_Cleanup();
-            EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-        }
-    }
+    void BeforeInit() override { ASSERT_TRUE(mic.Start(server, kToneHz)); }
 };
 
 // The tone is there and stands well above its neighbours.

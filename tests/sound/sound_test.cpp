@@ -16,7 +16,7 @@
 #include "log_capture.h"
 #include "port/port.h"
 #include "port/port_table.h"
-#include "pulse_server.h"
+#include "sound_fixture.h"
 #include "test_env.h"
 
 namespace {
@@ -45,34 +45,17 @@ struct Tone {
     }
 };
 
-struct SoundTest : ::testing::Test {
-    PulseServer server;
-    LogCapture log;
+struct SoundTest : SoundFixture {
     uint32_t a = 0, b = 0;
 
     void SetUp() override
     {
-        if (!server.Start(TestHome() + "/pulse")) {
-            GTEST_SKIP() << "pulseaudio cannot run here";
+        SoundFixture::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        ASSERT_EQ(Korvalen_Init(), 1);
         ASSERT_EQ(Korvalen_AllocPort(&a), 1);
         ASSERT_EQ(Korvalen_AllocPort(&b), 1);
-    }
-    void TearDown() override
-    {
-        if (HasFailure()) {
-            // What the sound side said, for the failure's record.
-            for (const auto& l : log.Lines()) {
-                if (l.level >= KORVALEN_LOG_WARN) {
-                    std::fprintf(stderr, "log: %s\n", l.text.c_str());
-                }
-            }
-        }
-        if (Korvalen_GetInitCount() > 0) {
-            Korvalen_Cleanup();
-            EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-        }
     }
 
     // Plays the tones in real time (one frame per port every 20 ms) while

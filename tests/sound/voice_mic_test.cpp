@@ -20,7 +20,7 @@
 #include "heap/qmx_heap.h"
 #include "korvalen.h"
 #include "log_capture.h"
-#include "pulse_server.h"
+#include "sound_fixture.h"
 #include "test_env.h"
 #include "voice_device.h"
 
@@ -31,34 +31,18 @@ constexpr uint32_t kBroadcastMic = 1;
 constexpr uint32_t kTalkMic = 3;
 constexpr uint32_t kTcp = 1;
 
-struct VoiceMicTest : ::testing::Test {
-    PulseServer server;
+struct VoiceMicTest : SoundFixture {
     ToneMicrophone mic;
-    LogCapture log;
     uint32_t port = 0;
 
+    void BeforeInit() override { ASSERT_TRUE(mic.Start(server, kToneHz)); }
     void SetUp() override
     {
-        if (!server.Start(TestHome() + "/pulse")) {
-            GTEST_SKIP() << "pulseaudio cannot run here";
+        SoundFixture::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        ASSERT_TRUE(mic.Start(server, kToneHz));
-        ASSERT_EQ(Korvalen_Init(), 1);
         ASSERT_EQ(Korvalen_AllocPort(&port), 1);
-    }
-    void TearDown() override
-    {
-        if (HasFailure()) {
-            for (const auto& l : log.Lines()) {
-                if (l.level >= KORVALEN_LOG_WARN) {
-                    std::fprintf(stderr, "log: %s\n", l.text.c_str());
-                }
-            }
-        }
-        if (Korvalen_GetInitCount() > 0) {
-            Korvalen_Cleanup();
-            EXPECT_EQ(QMX_HeapLiveBytes(), 0u);
-        }
     }
 };
 
